@@ -1,0 +1,133 @@
+#include "NotificationDatabase/Database/Connection.hpp"
+
+#include "NotificationDatabase/Database/Configuration.hpp"
+#include "NotificationDatabase/Database/DatabaseError.hpp"
+
+#include <sqlite3.h>
+
+#include <cmath>
+#include <string>
+#include <utility>
+
+namespace notificationdb {
+
+CachedStatement::CachedStatement(Statement* statement, std::unique_ptr<Statement> owned, bool* inUse) noexcept
+    : statement_(statement), owned_(std::move(owned)), inUse_(inUse) {}
+
+CachedStatement::CachedStatement(CachedStatement&& other) noexcept
+    : statement_(std::exchange(other.statement_, nullptr)),
+      owned_(std::move(other.owned_)),
+      inUse_(std::exchange(other.inUse_, nullptr)) {}
+
+CachedStatement::~CachedStatement() {
+    if (statement_ != nullptr) statement_->reset();
+    if (inUse_ != nullptr) *inUse_ = false;
+}
+
+namespace {
+
+int busyHandlerTrampoline(void* context, int numberOfTries) {
+    auto* callback = static_cast<std::function<bool(int)>*>(context);
+    try {
+        return (*callback)(numberOfTries) ? 1 : 0;
+    } catch (...) {
+        return 0;
+    }
+}
+
+}  // namespace
+
+Connection::Connection(const std::filesystem::path& path, Mode mode, const BusyMode& busyMode) : mode_(mode) {
+    const int flags = (mode == Mode::readOnly ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE) |
+                      SQLITE_OPEN_NOMUTEX;
+    const int rc = sqlite3_open_v2(path.c_str(), &db_, flags, nullptr);
+    if (rc != SQLITE_OK) {
+        DatabaseError error = DatabaseError::fromConnection(db_, rc, "");
+        sqlite3_close_v2(db_);
+        db_ = nullptr;
+        throw error;
+    }
+    sqlite3_extended_result_codes(db_, 1);
+    try {
+        switch (busyMode.kind()) {
+        case BusyMode::Kind::immediateError:
+            break;
+        case BusyMode::Kind::timeout: {
+            const double milliseconds = std::round(busyMode.seconds() * 1000.0);
+            sqlite3_busy_timeout(db_, milliseconds > 0 ? static_cast<int>(std::min(milliseconds, 2.0e9)) : 0);
+            break;
+        }
+        case BusyMode::Kind::callback:
+            busyCallback_ = busyMode.handler();
+            if (busyCallback_) sqlite3_busy_handler(db_, busyHandlerTrampoline, &busyCallback_);
+            break;
+        }
+        execute("PRAGMA foreign_keys = ON");
+        // Reading the schema makes SQLite look at the file now, so that a file that is no
+        // database fails here rather than at the first query.
+        execute("SELECT count(*) FROM sqlite_master");
+    } catch (...) {
+        sqlite3_close_v2(db_);
+        db_ = nullptr;
+        throw;
+    }
+}
+
+Connection::~Connection() {
+    cache_.clear();
+    sqlite3_close_v2(db_);
+}
+
+void Connection::execute(std::string_view sql) {
+    std::string text(sql);
+    char* message = nullptr;
+    const int rc = sqlite3_exec(db_, text.c_str(), nullptr, nullptr, &message);
+    sqlite3_free(message);
+    journal_.statementEnded(rc == SQLITE_OK);
+    if (rc != SQLITE_OK) throw DatabaseError::fromConnection(db_, rc, sql);
+}
+
+CachedStatement Connection::cachedStatement(std::string_view sql) {
+    auto found = cache_.find(sql);
+    if (found == cache_.end()) {
+        auto statement = std::make_unique<Statement>(db_, sql, &journal_);
+        found = cache_.emplace(std::string(sql), CacheEntry{std::move(statement), false}).first;
+    }
+    CacheEntry& entry = found->second;
+    if (entry.inUse) {
+        // The same SQL is already running further up the stack: use a private copy.
+        auto owned = std::make_unique<Statement>(db_, sql, &journal_);
+        Statement* raw = owned.get();
+        return {raw, std::move(owned), nullptr};
+    }
+    entry.inUse = true;
+    return {entry.statement.get(), nullptr, &entry.inUse};
+}
+
+std::unique_ptr<Statement> Connection::makeStatement(std::string_view sql) {
+    return std::make_unique<Statement>(db_, sql, &journal_);
+}
+
+void Connection::clearStatementCache() noexcept {
+    for (auto it = cache_.begin(); it != cache_.end();) {
+        if (it->second.inUse) {
+            ++it;
+        } else {
+            it = cache_.erase(it);
+        }
+    }
+}
+
+std::int64_t Connection::lastInsertedRowID() const noexcept { return sqlite3_last_insert_rowid(db_); }
+
+int Connection::changedRowCount() const noexcept { return sqlite3_changes(db_); }
+
+bool Connection::isInsideTransaction() const noexcept { return sqlite3_get_autocommit(db_) == 0; }
+
+bool Connection::tableExists(std::string_view name) {
+    auto statement = cachedStatement("SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = ? COLLATE NOCASE");
+    statement->bind(1, name);
+    return statement->step();
+}
+
+}  // namespace notificationdb

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace notificationdb {
+
+using Timestamp = std::chrono::system_clock::time_point;
+
+// The stored text form of a point in time: UTC, 23 characters, "2024-03-05 17:04:09.250".
+// Finer fractions are truncated toward the past; the process's time zone plays no part.
+// Years outside 0000...9999 cannot be written and give nullopt.
+std::optional<std::string> formatDateText(Timestamp instant);
+
+// Reads the stored text form and its shortened forms, all in UTC: "YYYY-MM-DD HH:MM:SS.SSS"
+// (1 to 9 fraction digits, truncated to milliseconds), "YYYY-MM-DD HH:MM:SS",
+// "YYYY-MM-DD HH:MM" and "YYYY-MM-DD", each also with "T" in place of the space. Any other text,
+// or an impossible date or time, gives nullopt.
+std::optional<Timestamp> parseDateText(std::string_view text);
+
+// A number of seconds since 1970-01-01 00:00:00 UTC, truncated to milliseconds toward the
+// past; nullopt for NaN, infinities and values outside years 0000...9999.
+std::optional<Timestamp> dateFromSecondsSince1970(double seconds);
+
+}  // namespace notificationdb

@@ -1,0 +1,214 @@
+#include "NotificationDatabase/Database/Statement.hpp"
+
+#include "NotificationDatabase/Database/DatabaseError.hpp"
+
+#include <sqlite3.h>
+
+#include <climits>
+#include <utility>
+
+namespace notificationdb {
+
+namespace {
+
+bool equalsIgnoringCase(std::string_view lhs, std::string_view rhs) noexcept {
+    if (lhs.size() != rhs.size()) return false;
+    for (std::size_t i = 0; i < lhs.size(); ++i) {
+        char l = lhs[i];
+        char r = rhs[i];
+        if (l >= 'A' && l <= 'Z') l = static_cast<char>(l - 'A' + 'a');
+        if (r >= 'A' && r <= 'Z') r = static_cast<char>(r - 'A' + 'a');
+        if (l != r) return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+// How the columns of a statement's rows are grouped: the base part (the first table's
+// columns, or every column when SQLite reports no origin table) and one scope per further
+// table. Computed once per statement; also caches name lookups done by record readers.
+struct Statement::Layout {
+    struct Scope {
+        std::string name;
+        int begin;
+        int end;
+    };
+    struct Resolution {
+        const void* key;
+        int begin;
+        std::vector<int> indexes;
+    };
+
+    int baseEnd = 0;
+    std::vector<Scope> scopes;
+    std::vector<Resolution> resolutions;
+};
+
+Statement::Statement(sqlite3* connection, std::string_view sql, ChangeJournal* journal)
+    : connection_(connection), journal_(journal), sql_(sql) {
+    const char* tail = nullptr;
+    int rc = sqlite3_prepare_v3(connection_, sql_.data(), static_cast<int>(sql_.size()), SQLITE_PREPARE_PERSISTENT,
+                                &statement_, &tail);
+    if (rc != SQLITE_OK) {
+        DatabaseError error = DatabaseError::fromConnection(connection_, rc, sql_);
+        sqlite3_finalize(statement_);
+        statement_ = nullptr;
+        throw error;
+    }
+    if (statement_ == nullptr) {
+        // Only whitespace or comments: nothing to run.
+        throw DatabaseError(SQLITE_MISUSE, SQLITE_MISUSE, "empty statement", sql_);
+    }
+}
+
+Statement::~Statement() { sqlite3_finalize(statement_); }
+
+int Statement::parameterCount() const noexcept { return sqlite3_bind_parameter_count(statement_); }
+
+void Statement::fail(int resultCode) const { throw DatabaseError::fromConnection(connection_, resultCode, sql_); }
+
+void Statement::bindNull(int index) {
+    if (int rc = sqlite3_bind_null(statement_, index); rc != SQLITE_OK) fail(rc);
+}
+
+void Statement::bind(int index, std::int64_t value) {
+    if (int rc = sqlite3_bind_int64(statement_, index, value); rc != SQLITE_OK) fail(rc);
+}
+
+void Statement::bind(int index, double value) {
+    if (int rc = sqlite3_bind_double(statement_, index, value); rc != SQLITE_OK) fail(rc);
+}
+
+void Statement::bind(int index, std::string_view text, bool copy) {
+    if (text.size() > static_cast<std::size_t>(INT_MAX)) fail(SQLITE_TOOBIG);
+    int rc = sqlite3_bind_text64(statement_, index, text.data(), text.size(), copy ? SQLITE_TRANSIENT : SQLITE_STATIC,
+                                 SQLITE_UTF8);
+    if (rc != SQLITE_OK) fail(rc);
+}
+
+void Statement::bind(int index, std::span<const std::uint8_t> bytes, bool copy) {
+    // A zero-length blob is still a blob, not NULL: SQLite needs a non-null pointer for that.
+    static const std::uint8_t empty = 0;
+    const void* data = bytes.empty() ? &empty : bytes.data();
+    int rc = sqlite3_bind_blob64(statement_, index, data, bytes.size(), copy ? SQLITE_TRANSIENT : SQLITE_STATIC);
+    if (rc != SQLITE_OK) fail(rc);
+}
+
+bool Statement::step() {
+    int rc = sqlite3_step(statement_);
+    if (rc == SQLITE_ROW) return true;
+    if (journal_ != nullptr) journal_->statementEnded(rc == SQLITE_DONE);
+    if (rc == SQLITE_DONE) return false;
+    // sqlite3_reset returns the same error and keeps the connection's message for it.
+    fail(rc);
+}
+
+void Statement::execute() {
+    while (step()) {
+    }
+}
+
+void Statement::reset() noexcept {
+    sqlite3_reset(statement_);
+    sqlite3_clear_bindings(statement_);
+    // SQLite may prepare the statement again after a schema change, and `*` then expands to
+    // other columns: the layout is worked out anew for every run.
+    layout_.reset();
+}
+
+int Statement::columnCount() const noexcept { return sqlite3_column_count(statement_); }
+
+std::string_view Statement::columnName(int index) const noexcept {
+    const char* name = sqlite3_column_name(statement_, index);
+    return name != nullptr ? std::string_view(name) : std::string_view();
+}
+
+const Statement::Layout& Statement::layout() {
+    if (layout_) return *layout_;
+    auto layout = std::make_unique<Layout>();
+    const int count = columnCount();
+    auto tableOf = [this](int index) {
+        const char* table = sqlite3_column_table_name(statement_, index);
+        return table != nullptr ? std::string(table) : std::string();
+    };
+    int index = 0;
+    if (count > 0) {
+        const std::string baseTable = tableOf(0);
+        if (baseTable.empty()) {
+            index = count;
+        } else {
+            while (index < count && tableOf(index) == baseTable) ++index;
+        }
+    }
+    layout->baseEnd = index;
+    while (index < count) {
+        std::string table = tableOf(index);
+        const int begin = index;
+        while (index < count && tableOf(index) == table) ++index;
+        layout->scopes.push_back({std::move(table), begin, index});
+    }
+    layout_ = std::move(layout);
+    return *layout_;
+}
+
+Row Statement::row() noexcept {
+    // The layout is computed on the first row; a failure to allocate it would be fatal anyway.
+    return {this, 0, layout().baseEnd};
+}
+
+int Row::index(std::string_view name) const noexcept {
+    for (int i = begin_; i < end_; ++i) {
+        if (equalsIgnoringCase(statement_->columnName(i), name)) return i;
+    }
+    return -1;
+}
+
+std::optional<Row> Row::scope(std::string_view name) const {
+    for (const auto& scope : statement_->layout().scopes) {
+        if (equalsIgnoringCase(scope.name, name)) return Row(statement_, scope.begin, scope.end);
+    }
+    return std::nullopt;
+}
+
+bool Row::allNull() const noexcept {
+    for (int i = begin_; i < end_; ++i) {
+        if (!isNull(i)) return false;
+    }
+    return true;
+}
+
+ColumnType Row::type(int index) const noexcept {
+    return static_cast<ColumnType>(sqlite3_column_type(statement_->statement_, index));
+}
+
+std::int64_t Row::int64(int index) const noexcept { return sqlite3_column_int64(statement_->statement_, index); }
+
+double Row::real(int index) const noexcept { return sqlite3_column_double(statement_->statement_, index); }
+
+std::string_view Row::text(int index) const noexcept {
+    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement_->statement_, index));
+    const int size = sqlite3_column_bytes(statement_->statement_, index);
+    return text != nullptr ? std::string_view(text, static_cast<std::size_t>(size)) : std::string_view();
+}
+
+std::span<const std::uint8_t> Row::blob(int index) const noexcept {
+    const auto* bytes = static_cast<const std::uint8_t*>(sqlite3_column_blob(statement_->statement_, index));
+    const int size = sqlite3_column_bytes(statement_->statement_, index);
+    return bytes != nullptr ? std::span<const std::uint8_t>(bytes, static_cast<std::size_t>(size))
+                            : std::span<const std::uint8_t>();
+}
+
+const std::vector<int>& Row::resolve(const void* key, std::span<const std::string_view> names) const {
+    auto& layout = const_cast<Statement::Layout&>(statement_->layout());
+    for (const auto& resolution : layout.resolutions) {
+        if (resolution.key == key && resolution.begin == begin_) return resolution.indexes;
+    }
+    std::vector<int> indexes;
+    indexes.reserve(names.size());
+    for (auto name : names) indexes.push_back(index(name));
+    layout.resolutions.push_back({key, begin_, std::move(indexes)});
+    return layout.resolutions.back().indexes;
+}
+
+}  // namespace notificationdb

@@ -1,0 +1,321 @@
+#include "NotificationDatabase/NotificationDatabase.hpp"
+
+#include "NotificationDatabase/Database/DatabaseError.hpp"
+#include "NotificationDatabase/Database/RecordPersistence.hpp"
+#include "NotificationDatabase/Platform/DistributedNotificationCenter.hpp"
+#include "NotificationDatabase/Platform/LogSanitizer.hpp"
+#include "NotificationDatabase/Platform/MainQueue.hpp"
+
+#include <chrono>
+#include <string>
+#include <utility>
+
+namespace notificationdb {
+
+namespace {
+
+constexpr auto kNoticeDelay = std::chrono::seconds(1);
+
+// The joined read of a notification with its button; the button's columns form the scope
+// "notificationButton" of each row.
+constexpr std::string_view kJoinedSelect =
+    "SELECT \"notification\".*, \"notificationButton\".* FROM \"notification\" "
+    "LEFT JOIN \"notificationButton\" ON \"notificationButton\".\"notificationId\" = \"notification\".\"id\"";
+
+const std::string kFetchAll = std::string(kJoinedSelect) + " ORDER BY \"notification\".\"createdDate\" DESC";
+// A set of ids is bound as one JSON array parameter, so that no number of ids can exceed
+// SQLite's limit on parameters and the statement is prepared once.
+const std::string kFetchByIDs = std::string(kJoinedSelect) +
+                                " WHERE \"notification\".\"id\" IN (SELECT value FROM json_each(?))"
+                                " ORDER BY \"notification\".\"createdDate\" DESC";
+const std::string kFetchByKind = std::string(kJoinedSelect) + " WHERE \"notification\".\"notificationKind\" = ?";
+
+std::string jsonArray(const NotificationIDs& ids) {
+    std::string text = "[";
+    for (const std::int64_t id : ids) {
+        if (text.size() > 1) text += ',';
+        text += std::to_string(id);
+    }
+    text += ']';
+    return text;
+}
+
+// Runs one statement whose failure the operation drops without a message. A failure that
+// ended the whole transaction (SQLite rolls back on some I/O and memory errors) cannot be
+// dropped: the statements after it would run outside any transaction.
+template <class Statement>
+bool runDroppingFailure(Connection& connection, Statement&& statement) {
+    try {
+        statement();
+        return true;
+    } catch (const DatabaseError&) {
+        if (!connection.isInsideTransaction()) throw;
+        return false;
+    }
+}
+
+void deleteByIDs(Connection& connection, std::string_view sql, const NotificationIDs& ids) {
+    if (ids.empty()) return;
+    auto statement = connection.cachedStatement(sql);
+    const std::string list = jsonArray(ids);
+    statement->bind(1, std::string_view(list), false);
+    statement->execute();
+}
+
+// Deletes the notifications and the buttons that `infos` name, each DELETE's failure dropped.
+template <class Infos>
+void deleteNamed(Connection& connection, const Infos& infos) {
+    NotificationIDs notificationIDs;
+    NotificationIDs buttonIDs;
+    for (const NotificationModelInfo& info : infos) {
+        if (const auto& id = info.notification.id()) notificationIDs.insert(*id);
+        if (info.actionButton && info.actionButton->id()) buttonIDs.insert(*info.actionButton->id());
+    }
+    runDroppingFailure(connection, [&] {
+        deleteByIDs(connection, "DELETE FROM \"notification\" WHERE \"id\" IN (SELECT value FROM json_each(?))",
+                    notificationIDs);
+    });
+    runDroppingFailure(connection, [&] {
+        deleteByIDs(connection, "DELETE FROM \"notificationButton\" WHERE \"id\" IN (SELECT value FROM json_each(?))",
+                    buttonIDs);
+    });
+}
+
+std::vector<NotificationModelInfo> readJoined(Statement& statement) {
+    std::vector<NotificationModelInfo> result;
+    while (statement.step()) result.push_back(NotificationModelInfo::fromJoinedRow(statement.row()));
+    return result;
+}
+
+// Whether the query finds a row, which must also read as a notification.
+bool findsNotification(Statement& statement) {
+    if (!statement.step()) return false;
+    (void)readRecord<NotificationModel>(statement.row());
+    return true;
+}
+
+}  // namespace
+
+std::shared_ptr<NotificationDatabaseImpl> NotificationDatabaseImpl::create(const NotificationDatabaseConfig& config) {
+    auto store = std::make_shared<NotificationDatabaseImpl>(PrivateTag{}, config);
+    store->setupDatabaseObserver();
+    return store;
+}
+
+NotificationDatabaseImpl::NotificationDatabaseImpl(PrivateTag /*unused*/, const NotificationDatabaseConfig& config)
+    : logger_(Logger::module()->subLogger("notifications-database", {}, true)),
+      configurator_(config),
+      database_(std::make_unique<DatabasePool>(config.storageURL(), config.configuration())) {
+    configurator_.configure(*database_);
+}
+
+NotificationDatabaseImpl::~NotificationDatabaseImpl() {
+    // Stop observing before the pool goes.
+    databaseCancellable_.reset();
+}
+
+void NotificationDatabaseImpl::setupDatabaseObserver() {
+    std::weak_ptr<NotificationDatabaseImpl> weakSelf = weak_from_this();
+    databaseCancellable_ = database_->observe(
+        {std::string(NotificationModel::databaseTableName)},
+        // Holds nothing: a post scheduled before the store goes away is still made.
+        [] {
+            MainQueue::main().asyncAfter(kNoticeDelay, [] {
+                DistributedNotificationCenter::defaultCenter()->post(databaseUpdated());
+            });
+        },
+        [weakSelf](const std::exception& error) {
+            if (auto self = weakSelf.lock()) self->logFailure("Database observation error: ", error);
+        });
+}
+
+void NotificationDatabaseImpl::logFailure(std::string_view text, const std::exception& error) const noexcept {
+    try {
+        logger_->log(LogLevel::error, std::string(text) + LogSanitizer::sanitizeError(error));
+    } catch (...) {
+        // Logging must never turn a handled failure into a crash.
+    }
+}
+
+std::int64_t NotificationDatabaseImpl::notificationsCount() {
+    try {
+        return database_->read([](Connection& connection) {
+            auto statement = connection.cachedStatement("SELECT COUNT(*) FROM \"notification\"");
+            statement->step();
+            return statement->row().int64(0);
+        });
+    } catch (const std::exception& error) {
+        logFailure("Unable to fetch notifications count: ", error);
+        return 0;
+    }
+}
+
+bool NotificationDatabaseImpl::contentDuplicate(const NotificationModel& notification, Connection& database) {
+    if (notification.notificationKind == NotificationKind::default_) return false;
+    const bool hasCustomer = notification.customerId().has_value();
+    const bool hasApp = notification.appId.has_value();
+    static const std::string base = "SELECT * FROM \"notification\" WHERE ";
+    static const std::string queries[2][2] = {
+        {base + "\"customerId\" IS NULL AND \"notificationKind\" = ?2 AND \"version\" = ?3 LIMIT 1",
+         base + "\"customerId\" IS NULL AND \"notificationKind\" = ?2 AND \"version\" = ?3 AND \"appId\" = ?4 LIMIT 1"},
+        {base + "\"customerId\" = ?1 AND \"notificationKind\" = ?2 AND \"version\" = ?3 LIMIT 1",
+         base + "\"customerId\" = ?1 AND \"notificationKind\" = ?2 AND \"version\" = ?3 AND \"appId\" = ?4 LIMIT 1"},
+    };
+    auto statement = database.cachedStatement(queries[hasCustomer ? 1 : 0][hasApp ? 1 : 0]);
+    if (hasCustomer) statement->bind(1, std::string_view(*notification.customerId()), false);
+    statement->bind(2, rawValue(notification.notificationKind));
+    statement->bind(3, std::string_view(notification.version), false);
+    if (hasApp) statement->bind(4, *notification.appId);
+    return findsNotification(*statement);
+}
+
+void NotificationDatabaseImpl::save(const NotificationModelInfo& notificationInfo) {
+    try {
+        database_->write([&notificationInfo](Connection& connection) {
+            NotificationModel notification = notificationInfo.notification;
+            if (const auto& id = notification.id()) {
+                auto exists = connection.cachedStatement("SELECT 1 FROM \"notification\" WHERE \"id\" = ?");
+                exists->bind(1, *id);
+                if (exists->step()) return;
+            }
+            if (contentDuplicate(notification, connection)) return;
+            saveRecord(connection, notification);
+            if (!notificationInfo.actionButton) return;
+            NotificationButton button = *notificationInfo.actionButton;
+            button.notificationId = notification.id();
+            saveRecord(connection, button);
+        });
+    } catch (const std::exception& error) {
+        logFailure("Unable to save wrapped notification: ", error);
+    }
+}
+
+std::vector<NotificationModelInfo> NotificationDatabaseImpl::fetchNotifications(
+    const std::optional<NotificationIDs>& ids) {
+    try {
+        return database_->read([&ids](Connection& connection) {
+            if (!ids) {
+                auto statement = connection.cachedStatement(kFetchAll);
+                return readJoined(*statement);
+            }
+            auto statement = connection.cachedStatement(kFetchByIDs);
+            const std::string list = jsonArray(*ids);
+            statement->bind(1, std::string_view(list), false);
+            return readJoined(*statement);
+        });
+    } catch (const std::exception& error) {
+        logFailure("Unable to read wrapped notifications: ", error);
+        return {};
+    }
+}
+
+bool NotificationDatabaseImpl::containsVantro(const std::string& version) {
+    try {
+        return database_->read([&version](Connection& connection) {
+            auto statement = connection.cachedStatement("SELECT * FROM \"notification\" WHERE \"version\" = ? LIMIT 1");
+            statement->bind(1, std::string_view(version), false);
+            return findsNotification(*statement);
+        });
+    } catch (const std::exception&) {
+        // Answering true keeps a host from offering an update it cannot check.
+        return true;
+    }
+}
+
+bool NotificationDatabaseImpl::containsNotification(NotificationKind type, const std::string& customer,
+                                                    std::optional<std::int64_t> appID,
+                                                    const std::optional<std::string>& version) {
+    try {
+        return database_->read([&](Connection& connection) {
+            static const std::string base =
+                "SELECT * FROM \"notification\" WHERE \"customerId\" = ?1 AND \"notificationKind\" = ?2";
+            static const std::string queries[2][2] = {
+                {base + " LIMIT 1", base + " AND \"version\" = ?4 LIMIT 1"},
+                {base + " AND \"appId\" = ?3 LIMIT 1", base + " AND \"appId\" = ?3 AND \"version\" = ?4 LIMIT 1"},
+            };
+            auto statement = connection.cachedStatement(queries[appID ? 1 : 0][version ? 1 : 0]);
+            statement->bind(1, std::string_view(customer), false);
+            statement->bind(2, rawValue(type));
+            if (appID) statement->bind(3, *appID);
+            if (version) statement->bind(4, std::string_view(*version), false);
+            return findsNotification(*statement);
+        });
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
+void NotificationDatabaseImpl::updateStatus(const NotificationIDs& notificationIDs, NotificationStatus status) {
+    try {
+        database_->write([&](Connection& connection) {
+            if (notificationIDs.empty()) return;
+            auto statement = connection.cachedStatement(
+                "UPDATE \"notification\" SET \"status\" = ? WHERE \"id\" IN (SELECT value FROM json_each(?))");
+            const std::string list = jsonArray(notificationIDs);
+            statement->bind(1, rawValue(status));
+            statement->bind(2, std::string_view(list), false);
+            statement->execute();
+        });
+    } catch (const std::exception& error) {
+        logFailure("Unable to mark as read notification IDs: " + describe(notificationIDs) + ": ", error);
+    }
+}
+
+void NotificationDatabaseImpl::updateButtonVisibility(const NotificationIDs& notificationIDs, bool isVisible) {
+    try {
+        database_->write([&](Connection& connection) {
+            for (const std::int64_t id : notificationIDs) {
+                const bool updated = runDroppingFailure(connection, [&] {
+                    auto statement = connection.cachedStatement(
+                        "UPDATE \"notificationButton\" SET \"visible\" = ? WHERE \"notificationId\" = ?");
+                    statement->bind(1, std::int64_t{isVisible ? 1 : 0});
+                    statement->bind(2, id);
+                    statement->execute();
+                });
+                // The first failing id ends the loop; the updates before it commit.
+                if (!updated) break;
+            }
+        });
+    } catch (const std::exception& error) {
+        logFailure("Unable to change button visibility for notification IDs: " + describe(notificationIDs) + ": ",
+                   error);
+    }
+}
+
+void NotificationDatabaseImpl::deleteNotifications(const NotificationModelInfoSet& notifications) {
+    try {
+        database_->write([&](Connection& connection) { deleteNamed(connection, notifications); });
+    } catch (const std::exception& error) {
+        logFailure("Unable to reset notifications database: ", error);
+    }
+}
+
+void NotificationDatabaseImpl::deleteAll() {
+    try {
+        database_->write([](Connection& connection) {
+            runDroppingFailure(connection, [&] { connection.cachedStatement("DELETE FROM \"notification\"")->execute(); });
+            runDroppingFailure(connection,
+                               [&] { connection.cachedStatement("DELETE FROM \"notificationButton\"")->execute(); });
+        });
+    } catch (const std::exception& error) {
+        logFailure("Unable to reset notification database: ", error);
+    }
+}
+
+void NotificationDatabaseImpl::deleteAllNotifications(NotificationKind kind) {
+    try {
+        database_->write([kind](Connection& connection) {
+            std::vector<NotificationModelInfo> rows;
+            {
+                auto statement = connection.cachedStatement(kFetchByKind);
+                statement->bind(1, rawValue(kind));
+                rows = readJoined(*statement);
+            }
+            deleteNamed(connection, rows);
+        });
+    } catch (const std::exception& error) {
+        logFailure("Unable to delete all notification with kind " + std::to_string(rawValue(kind)) + ": ", error);
+    }
+}
+
+}  // namespace notificationdb

@@ -1,0 +1,62 @@
+#pragma once
+
+#include <NotificationDatabase/Database/DatabasePool.hpp>
+#include <NotificationDatabase/Extensions/NotificationName.hpp>
+#include <NotificationDatabase/NotificationDatabaseConfig.hpp>
+#include <NotificationDatabase/NotificationDatabaseConfigurator.hpp>
+#include <NotificationDatabase/NotificationDatabaseProtocols.hpp>
+#include <NotificationDatabase/Platform/Logger.hpp>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace notificationdb {
+
+// The notification store over one SQLite file. Every operation runs on the caller's thread;
+// writes of one store are serialised, reads run alongside them. After each committed change of
+// the table "notification" the store schedules, 1.0 s later on `MainQueue::main()`, one post of
+// `databaseUpdated()` through `DistributedNotificationCenter::defaultCenter()`.
+class NotificationDatabaseImpl final : public NotificationDatabaseProtocol,
+                                       public std::enable_shared_from_this<NotificationDatabaseImpl> {
+public:
+    // Opens the pool on `config`, creates missing tables and starts observing. Throws
+    // `DatabaseError` when the file cannot be opened or set up; nothing is logged then.
+    static std::shared_ptr<NotificationDatabaseImpl> create(const NotificationDatabaseConfig& config);
+
+    ~NotificationDatabaseImpl() override;
+    NotificationDatabaseImpl(const NotificationDatabaseImpl&) = delete;
+    NotificationDatabaseImpl& operator=(const NotificationDatabaseImpl&) = delete;
+
+    void save(const NotificationModelInfo& notificationInfo) override;
+    std::vector<NotificationModelInfo> fetchNotifications(const std::optional<NotificationIDs>& ids) override;
+    std::int64_t notificationsCount() override;
+    void updateStatus(const NotificationIDs& notificationIDs, NotificationStatus status) override;
+    void updateButtonVisibility(const NotificationIDs& notificationIDs, bool isVisible) override;
+    void deleteNotifications(const NotificationModelInfoSet& notifications) override;
+    void deleteAllNotifications(NotificationKind kind) override;
+    void deleteAll() override;
+    bool containsVantro(const std::string& version) override;
+    bool containsNotification(NotificationKind type, const std::string& customer, std::optional<std::int64_t> appID,
+                              const std::optional<std::string>& version) override;
+
+private:
+    struct PrivateTag {};
+
+public:
+    NotificationDatabaseImpl(PrivateTag, const NotificationDatabaseConfig& config);
+
+private:
+    void setupDatabaseObserver();
+    static bool contentDuplicate(const NotificationModel& notification, Connection& database);
+    void logFailure(std::string_view text, const std::exception& error) const noexcept;
+
+    std::shared_ptr<Logger> logger_;
+    NotificationDatabaseConfigurator configurator_;
+    std::unique_ptr<DatabasePool> database_;
+    std::unique_ptr<DatabaseObservation> databaseCancellable_;
+};
+
+}  // namespace notificationdb

@@ -1,0 +1,63 @@
+#include "NotificationDatabase/NotificationDatabaseConfig.hpp"
+
+#include "NotificationDatabase/Platform/FileManager.hpp"
+#include "NotificationDatabase/Platform/LogSanitizer.hpp"
+
+#include <filesystem>
+#include <utility>
+
+namespace notificationdb {
+
+namespace {
+
+constexpr std::string_view kDatabaseFileName = "NotificationDatabase.sqlite";
+constexpr double kBusyTimeoutSeconds = 2.0;
+
+}  // namespace
+
+NotificationDatabaseConfig::NotificationDatabaseConfig(std::filesystem::path storageURL, Configuration configuration)
+    : storageURL_(std::move(storageURL)), configuration_(std::move(configuration)) {
+    initDatabaseFolderIfNeeded();
+}
+
+const NotificationDatabaseConfig& NotificationDatabaseConfig::default_() {
+    static const NotificationDatabaseConfig config = [] {
+        Configuration configuration;
+        configuration.busyMode = BusyMode::timeout(kBusyTimeoutSeconds);
+        return NotificationDatabaseConfig(createDatabaseURl(kDatabaseFileName), std::move(configuration));
+    }();
+    return config;
+}
+
+const NotificationDatabaseConfig& NotificationDatabaseConfig::readOnly() {
+    static const NotificationDatabaseConfig config = [] {
+        Configuration configuration;
+        configuration.readOnly = true;
+        configuration.busyMode = BusyMode::timeout(kBusyTimeoutSeconds);
+        configuration.persistentReadOnlyConnections = true;
+        return NotificationDatabaseConfig(createDatabaseURl(kDatabaseFileName), std::move(configuration));
+    }();
+    return config;
+}
+
+std::filesystem::path NotificationDatabaseConfig::createDatabaseURl(std::string_view fileName) {
+    return FileManager::defaultManager()->applicationSupportDirectory() / "Vantro" / "Default" / "Databases" /
+           std::filesystem::path(fileName);
+}
+
+const std::shared_ptr<Logger>& NotificationDatabaseConfig::logger() {
+    static const std::shared_ptr<Logger> logger = Logger::module()->subLogger("notification-database-config", {}, true);
+    return logger;
+}
+
+void NotificationDatabaseConfig::initDatabaseFolderIfNeeded() const {
+    const auto fileManager = FileManager::defaultManager();
+    if (fileManager->fileExists(storageURL_)) return;
+    const std::filesystem::path directory = storageURL_.parent_path();
+    if (const std::error_code error = fileManager->createDirectory(directory, true)) {
+        const std::filesystem::filesystem_error failure("cannot create directory", directory, error);
+        logger()->log(LogLevel::error, "Unable to create database directory: " + LogSanitizer::sanitizeError(failure));
+    }
+}
+
+}  // namespace notificationdb

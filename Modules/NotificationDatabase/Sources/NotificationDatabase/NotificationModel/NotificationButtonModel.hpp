@@ -1,0 +1,91 @@
+#pragma once
+
+#include <NotificationDatabase/Database/RecordCoding.hpp>
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace notificationdb {
+
+// The one action button a notification may carry: a row of the table "notificationButton".
+// A plain value. Every field is readable; all but `id` are public and assignable.
+class NotificationButton {
+public:
+    // What pressing the button does; stored as its raw value.
+    enum class UserActionKind : std::int64_t {
+        openCabinet = 0,
+        openApp = 1,
+        openCollection = 2,
+        openLink = 3,
+        openBlogArticle = 4,
+        openVantro = 5,
+        refreshInstalledApps = 6,
+    };
+
+    static constexpr std::string_view databaseTableName = "notificationButton";
+
+    // Takes all seven fields in column order; nothing is defaulted, validated or normalised.
+    NotificationButton(std::optional<std::int64_t> id, std::optional<std::string> buttonId,
+                       std::optional<std::string> title, bool visible, std::optional<std::int64_t> notificationId,
+                       std::optional<UserActionKind> actionKind, std::optional<Bytes> userAction);
+
+    // The row id; absent on a button that was never stored.
+    const std::optional<std::int64_t>& id() const noexcept { return id_; }
+
+    std::optional<std::string> buttonId;
+    std::optional<std::string> title;
+    bool visible;
+    // The owning notification's id; the store's save sets it.
+    std::optional<std::int64_t> notificationId;
+    std::optional<UserActionKind> actionKind;
+    // The action's payload, stored and returned byte for byte, never interpreted.
+    std::optional<Bytes> userAction;
+
+private:
+    friend struct RecordCoding<NotificationButton>;
+
+    std::optional<std::int64_t> id_;
+};
+
+using UserActionKind = NotificationButton::UserActionKind;
+
+constexpr std::int64_t rawValue(UserActionKind kind) noexcept { return static_cast<std::int64_t>(kind); }
+
+template <class Enumeration>
+std::optional<Enumeration> fromRawValue(std::int64_t raw) noexcept;
+// Strict construction: the case with that raw value, nullopt outside 0...6.
+template <>
+std::optional<UserActionKind> fromRawValue<UserActionKind>(std::int64_t raw) noexcept;
+// The integer construction behaves like the strict one: there is no fallback case.
+std::optional<UserActionKind> makeUserActionKind(std::int64_t value) noexcept;
+
+std::string_view caseName(UserActionKind kind) noexcept;
+template <class Enumeration>
+std::optional<Enumeration> fromCaseName(std::string_view name) noexcept;
+template <>
+std::optional<UserActionKind> fromCaseName<UserActionKind>(std::string_view name) noexcept;
+
+// The keyed coding of the button record: its seven fields in column order.
+template <>
+struct RecordCoding<NotificationButton> {
+    static constexpr std::string_view tableName = NotificationButton::databaseTableName;
+    static constexpr std::array<FieldDescriptor, 7> fields{{
+        {"id", FieldType::integer, true},
+        {"buttonId", FieldType::text, true},
+        {"title", FieldType::text, true},
+        {"visible", FieldType::boolean, false},
+        {"notificationId", FieldType::integer, true},
+        {"actionKind", FieldType::enumeration, true},
+        {"userAction", FieldType::bytes, true},
+    }};
+
+    static FieldValue encode(const NotificationButton& record, std::size_t fieldIndex);
+    static NotificationButton decode(std::array<FieldValue, 7>& values);
+    static std::optional<std::int64_t> primaryKey(const NotificationButton& record) noexcept { return record.id_; }
+    static void didInsert(NotificationButton& record, std::int64_t rowID) noexcept { record.id_ = rowID; }
+};
+
+}  // namespace notificationdb

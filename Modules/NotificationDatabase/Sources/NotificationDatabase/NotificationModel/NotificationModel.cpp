@@ -1,0 +1,151 @@
+#include "NotificationDatabase/NotificationModel/NotificationModel.hpp"
+
+#include "NotificationDatabase/Database/DatabaseError.hpp"
+
+#include <array>
+#include <utility>
+
+namespace notificationdb {
+
+namespace {
+
+constexpr std::array<std::string_view, 3> kStatusNames{"new", "shown", "read"};
+constexpr std::array<std::string_view, 5> kKindNames{"default", "newApp", "appUpdate", "vantroUpdate", "ai"};
+
+template <class Value>
+Value required(FieldValue& value, std::string_view field) {
+    return requiredValue<Value>(value, NotificationModel::databaseTableName, field);
+}
+
+template <class Value>
+std::optional<Value> optional(FieldValue& value, std::string_view field) {
+    return optionalValue<Value>(value, NotificationModel::databaseTableName, field);
+}
+
+}  // namespace
+
+NotificationModel::NotificationModel(std::optional<std::int64_t> id, std::optional<std::string> customerId,
+                                     Timestamp createdDate, std::string version, std::string analyticsTag,
+                                     std::optional<std::string> title, std::optional<std::string> body,
+                                     std::optional<std::string> bannerUrl, bool isMarketing,
+                                     std::optional<std::int64_t> appId, NotificationStatus status,
+                                     NotificationKind notificationKind)
+    : createdDate(createdDate),
+      version(std::move(version)),
+      analyticsTag(std::move(analyticsTag)),
+      title(std::move(title)),
+      body(std::move(body)),
+      bannerUrl(std::move(bannerUrl)),
+      isMarketing(isMarketing),
+      appId(appId),
+      status(status),
+      notificationKind(notificationKind),
+      id_(id),
+      customerId_(std::move(customerId)) {}
+
+template <>
+std::optional<NotificationStatus> fromRawValue<NotificationStatus>(std::int64_t raw) noexcept {
+    if (raw < 0 || raw >= static_cast<std::int64_t>(kStatusNames.size())) return std::nullopt;
+    return static_cast<NotificationStatus>(raw);
+}
+
+template <>
+std::optional<NotificationKind> fromRawValue<NotificationKind>(std::int64_t raw) noexcept {
+    if (raw < 0 || raw >= static_cast<std::int64_t>(kKindNames.size())) return std::nullopt;
+    return static_cast<NotificationKind>(raw);
+}
+
+NotificationStatus makeNotificationStatus(std::int64_t value) noexcept {
+    switch (value) {
+    case 1:
+        return NotificationStatus::shown;
+    case 2:
+        return NotificationStatus::read;
+    default:
+        return NotificationStatus::new_;
+    }
+}
+
+NotificationKind makeNotificationKind(std::int64_t value) noexcept {
+    return fromRawValue<NotificationKind>(value).value_or(NotificationKind::default_);
+}
+
+std::string_view caseName(NotificationStatus status) noexcept {
+    return kStatusNames.at(static_cast<std::size_t>(rawValue(status)));
+}
+
+std::string_view caseName(NotificationKind kind) noexcept {
+    return kKindNames.at(static_cast<std::size_t>(rawValue(kind)));
+}
+
+template <>
+std::optional<NotificationStatus> fromCaseName<NotificationStatus>(std::string_view name) noexcept {
+    for (std::size_t i = 0; i < kStatusNames.size(); ++i) {
+        if (kStatusNames[i] == name) return static_cast<NotificationStatus>(i);
+    }
+    return std::nullopt;
+}
+
+template <>
+std::optional<NotificationKind> fromCaseName<NotificationKind>(std::string_view name) noexcept {
+    for (std::size_t i = 0; i < kKindNames.size(); ++i) {
+        if (kKindNames[i] == name) return static_cast<NotificationKind>(i);
+    }
+    return std::nullopt;
+}
+
+FieldValue RecordCoding<NotificationModel>::encode(const NotificationModel& record, std::size_t fieldIndex) {
+    const auto optionalValue = [](const auto& value) -> FieldValue {
+        if (!value) return std::monostate{};
+        return *value;
+    };
+    switch (fieldIndex) {
+    case 0:
+        return optionalValue(record.id_);
+    case 1:
+        return optionalValue(record.customerId_);
+    case 2:
+        return record.createdDate;
+    case 3:
+        return record.version;
+    case 4:
+        return record.analyticsTag;
+    case 5:
+        return optionalValue(record.title);
+    case 6:
+        return optionalValue(record.body);
+    case 7:
+        return optionalValue(record.bannerUrl);
+    case 8:
+        return record.isMarketing;
+    case 9:
+        return optionalValue(record.appId);
+    case 10:
+        return rawValue(record.status);
+    case 11:
+        return rawValue(record.notificationKind);
+    default:
+        return std::monostate{};
+    }
+}
+
+NotificationModel RecordCoding<NotificationModel>::decode(std::array<FieldValue, 12>& values) {
+    const auto status = fromRawValue<NotificationStatus>(required<std::int64_t>(values[10], "status"));
+    if (!status) throw RecordDecodingError(tableName, "status", "integer is no NotificationStatus");
+    const auto kind = fromRawValue<NotificationKind>(required<std::int64_t>(values[11], "notificationKind"));
+    if (!kind) throw RecordDecodingError(tableName, "notificationKind", "integer is no NotificationKind");
+    return {optional<std::int64_t>(values[0], "id"),
+            optional<std::string>(values[1], "customerId"),
+            required<Timestamp>(values[2], "createdDate"),
+            required<std::string>(values[3], "version"),
+            required<std::string>(values[4], "analyticsTag"),
+            optional<std::string>(values[5], "title"),
+            optional<std::string>(values[6], "body"),
+            optional<std::string>(values[7], "bannerUrl"),
+            required<bool>(values[8], "isMarketing"),
+            optional<std::int64_t>(values[9], "appId"),
+            *status,
+            *kind};
+}
+
+}  // namespace notificationdb

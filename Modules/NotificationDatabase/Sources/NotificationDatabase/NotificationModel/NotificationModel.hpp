@@ -1,0 +1,111 @@
+#pragma once
+
+#include <NotificationDatabase/Database/RecordCoding.hpp>
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace notificationdb {
+
+// One stored in-app notification: a row of the table "notification". A plain value; copies are
+// independent. Every field is readable; all but `id` and `customerId` are public and
+// assignable, those two are fixed at construction (the insert sets `id`).
+class NotificationModel {
+public:
+    // Where the user is with the notification; stored as its raw value.
+    enum class NotificationStatus : std::int64_t { new_ = 0, shown = 1, read = 2 };
+    // What the notification is about; stored as its raw value.
+    enum class NotificationKind : std::int64_t { default_ = 0, newApp = 1, appUpdate = 2, vantroUpdate = 3, ai = 4 };
+
+    static constexpr std::string_view databaseTableName = "notification";
+    // A well-known value of `analyticsTag` offered to hosts; the library never compares with it.
+    static constexpr std::string_view unusedAppsAnalyticsTag = "unusedApps";
+
+    // Takes all twelve fields in column order; nothing is defaulted, validated or normalised.
+    NotificationModel(std::optional<std::int64_t> id, std::optional<std::string> customerId, Timestamp createdDate,
+                      std::string version, std::string analyticsTag, std::optional<std::string> title,
+                      std::optional<std::string> body, std::optional<std::string> bannerUrl, bool isMarketing,
+                      std::optional<std::int64_t> appId, NotificationStatus status, NotificationKind notificationKind);
+
+    // The row id; absent on a record that was never stored.
+    const std::optional<std::int64_t>& id() const noexcept { return id_; }
+    // The service's identifier of the customer the notification was addressed to.
+    const std::optional<std::string>& customerId() const noexcept { return customerId_; }
+
+    Timestamp createdDate;
+    std::string version;
+    std::string analyticsTag;
+    std::optional<std::string> title;
+    std::optional<std::string> body;
+    std::optional<std::string> bannerUrl;  // kept as text, never parsed
+    bool isMarketing;
+    std::optional<std::int64_t> appId;
+    NotificationStatus status;
+    NotificationKind notificationKind;
+
+private:
+    friend struct RecordCoding<NotificationModel>;
+
+    std::optional<std::int64_t> id_;
+    std::optional<std::string> customerId_;
+};
+
+using NotificationStatus = NotificationModel::NotificationStatus;
+using NotificationKind = NotificationModel::NotificationKind;
+
+// Raw values.
+constexpr std::int64_t rawValue(NotificationStatus status) noexcept { return static_cast<std::int64_t>(status); }
+constexpr std::int64_t rawValue(NotificationKind kind) noexcept { return static_cast<std::int64_t>(kind); }
+
+// Strict construction from a raw value: the case with that raw value, nullopt for any other.
+template <class Enumeration>
+std::optional<Enumeration> fromRawValue(std::int64_t raw) noexcept;
+template <>
+std::optional<NotificationStatus> fromRawValue<NotificationStatus>(std::int64_t raw) noexcept;
+template <>
+std::optional<NotificationKind> fromRawValue<NotificationKind>(std::int64_t raw) noexcept;
+
+// Lenient construction, always a case: 1 is `shown`, 2 is `read`, anything else `new_`.
+NotificationStatus makeNotificationStatus(std::int64_t value) noexcept;
+// Lenient construction, always a case: 0...4 give their case, anything else `default_`.
+NotificationKind makeNotificationKind(std::int64_t value) noexcept;
+
+// Case names as written in code ("new", "shown", "read"; "default", "newApp", ...), and back.
+std::string_view caseName(NotificationStatus status) noexcept;
+std::string_view caseName(NotificationKind kind) noexcept;
+template <class Enumeration>
+std::optional<Enumeration> fromCaseName(std::string_view name) noexcept;
+template <>
+std::optional<NotificationStatus> fromCaseName<NotificationStatus>(std::string_view name) noexcept;
+template <>
+std::optional<NotificationKind> fromCaseName<NotificationKind>(std::string_view name) noexcept;
+
+// The keyed coding of the notification record: its twelve fields in column order.
+template <>
+struct RecordCoding<NotificationModel> {
+    static constexpr std::string_view tableName = NotificationModel::databaseTableName;
+    static constexpr std::array<FieldDescriptor, 12> fields{{
+        {"id", FieldType::integer, true},
+        {"customerId", FieldType::text, true},
+        {"createdDate", FieldType::date, false},
+        {"version", FieldType::text, false},
+        {"analyticsTag", FieldType::text, false},
+        {"title", FieldType::text, true},
+        {"body", FieldType::text, true},
+        {"bannerUrl", FieldType::text, true},
+        {"isMarketing", FieldType::boolean, false},
+        {"appId", FieldType::integer, true},
+        {"status", FieldType::enumeration, false},
+        {"notificationKind", FieldType::enumeration, false},
+    }};
+
+    static FieldValue encode(const NotificationModel& record, std::size_t fieldIndex);
+    static NotificationModel decode(std::array<FieldValue, 12>& values);
+    static std::optional<std::int64_t> primaryKey(const NotificationModel& record) noexcept { return record.id_; }
+    static void didInsert(NotificationModel& record, std::int64_t rowID) noexcept { record.id_ = rowID; }
+};
+
+}  // namespace notificationdb

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace notificationdb {
+
+// Broadcasts named notices to every process of the user, over the D-Bus session bus.
+//
+// A post is the signal
+//   path      /org/notificationdb/DistributedNotificationCenter
+//   interface org.notificationdb.DistributedNotificationCenter
+//   member    the notice name (it must be a valid D-Bus member name)
+// with no arguments. Without a reachable session bus a post is logged once as an error and
+// dropped; nothing throws.
+class DistributedNotificationCenter {
+public:
+    static constexpr std::string_view objectPath = "/org/notificationdb/DistributedNotificationCenter";
+    static constexpr std::string_view interfaceName = "org.notificationdb.DistributedNotificationCenter";
+
+    using Handler = std::function<void(const std::string& name)>;
+
+    // Stops the observation it stands for when destroyed.
+    class ObserverToken {
+    public:
+        virtual ~ObserverToken() = default;
+    };
+
+    virtual ~DistributedNotificationCenter() = default;
+
+    // The process-wide center (the D-Bus one unless replaced).
+    static std::shared_ptr<DistributedNotificationCenter> defaultCenter();
+    // Replaces the process-wide center; `nullptr` restores the D-Bus one.
+    static void setDefaultCenter(std::shared_ptr<DistributedNotificationCenter> center);
+
+    // Sends the notice `name` to all processes of the user, this one included, at once.
+    virtual void post(const std::string& name) = 0;
+
+    // Calls `handler` on the main queue (`MainQueue::main()`) for every post of `name` by any
+    // process. Returns null when the bus cannot be reached (the failure is logged).
+    virtual std::unique_ptr<ObserverToken> addObserver(const std::string& name, Handler handler) = 0;
+};
+
+// The session-bus implementation (sd-bus).
+std::shared_ptr<DistributedNotificationCenter> makeDBusNotificationCenter();
+
+}  // namespace notificationdb
