@@ -259,4 +259,16 @@ private:
     FILE* output_ = nullptr;
 };
 
+// The exception of type `Error` that `work` throws, or nullopt when it returns normally.
+// Exceptions of other types propagate (and fail the test).
+template <class Error, class Work>
+std::optional<Error> caught(Work&& work) {
+    try {
+        work();
+    } catch (const Error& error) {
+        return error;
+    }
+    return std::nullopt;
+}
+
 }  // namespace notificationdb::testing

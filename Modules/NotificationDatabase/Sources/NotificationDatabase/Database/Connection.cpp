@@ -48,6 +48,11 @@ Connection::Connection(const std::filesystem::path& path, Mode mode, const BusyM
         throw error;
     }
     sqlite3_extended_result_codes(db_, 1);
+    // A double-quoted name that matches no column would otherwise be taken as a string literal:
+    // a query on a column that another program dropped would silently compare a constant
+    // instead of failing.
+    sqlite3_db_config(db_, SQLITE_DBCONFIG_DQS_DML, 0, nullptr);
+    sqlite3_db_config(db_, SQLITE_DBCONFIG_DQS_DDL, 0, nullptr);
     try {
         switch (busyMode.kind()) {
         case BusyMode::Kind::immediateError:
@@ -79,12 +84,28 @@ Connection::~Connection() {
 }
 
 void Connection::execute(std::string_view sql) {
-    std::string text(sql);
-    char* message = nullptr;
-    const int rc = sqlite3_exec(db_, text.c_str(), nullptr, nullptr, &message);
-    sqlite3_free(message);
-    journal_.statementEnded(rc == SQLITE_OK);
-    if (rc != SQLITE_OK) throw DatabaseError::fromConnection(db_, rc, sql);
+    // One statement at a time, so that the change marks are settled per statement: when a
+    // later statement fails, the earlier ones keep their changes and their marks.
+    const char* next = sql.data();
+    const char* const end = sql.data() + sql.size();
+    while (next < end) {
+        sqlite3_stmt* statement = nullptr;
+        int rc = sqlite3_prepare_v2(db_, next, static_cast<int>(end - next), &statement, &next);
+        if (rc != SQLITE_OK) {
+            journal_.statementEnded(false);
+            throw DatabaseError::fromConnection(db_, rc, sql);
+        }
+        if (statement == nullptr) continue;  // only whitespace or a comment was left
+        while ((rc = sqlite3_step(statement)) == SQLITE_ROW) {
+        }
+        journal_.statementEnded(rc == SQLITE_DONE);
+        if (rc != SQLITE_DONE) {
+            DatabaseError error = DatabaseError::fromConnection(db_, rc, sql);
+            sqlite3_finalize(statement);
+            throw error;
+        }
+        sqlite3_finalize(statement);
+    }
 }
 
 CachedStatement Connection::cachedStatement(std::string_view sql) {

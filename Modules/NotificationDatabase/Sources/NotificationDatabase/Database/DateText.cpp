@@ -28,6 +28,12 @@ bool readDigits(std::string_view text, std::size_t position, std::size_t count, 
 
 std::optional<Timestamp> fromMilliseconds(std::int64_t value) {
     if (value < kEarliestMilliseconds || value >= kLatestMilliseconds) return std::nullopt;
+    // With nanosecond ticks in 64 bits the time point holds only years 1677...2262; converting
+    // a value beyond that would overflow.
+    if (value < std::chrono::ceil<milliseconds>(Timestamp::min().time_since_epoch()).count() ||
+        value > std::chrono::floor<milliseconds>(Timestamp::max().time_since_epoch()).count()) {
+        return std::nullopt;
+    }
     return Timestamp(std::chrono::duration_cast<Timestamp::duration>(milliseconds(value)));
 }
 

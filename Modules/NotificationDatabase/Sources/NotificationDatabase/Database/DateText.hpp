@@ -17,11 +17,13 @@ std::optional<std::string> formatDateText(Timestamp instant);
 // Reads the stored text form and its shortened forms, all in UTC: "YYYY-MM-DD HH:MM:SS.SSS"
 // (1 to 9 fraction digits, truncated to milliseconds), "YYYY-MM-DD HH:MM:SS",
 // "YYYY-MM-DD HH:MM" and "YYYY-MM-DD", each also with "T" in place of the space. Any other text,
-// or an impossible date or time, gives nullopt.
+// an impossible date or time, or an instant that `Timestamp` cannot hold (with nanosecond ticks,
+// before 1677-09-21 or after 2262-04-11) gives nullopt.
 std::optional<Timestamp> parseDateText(std::string_view text);
 
 // A number of seconds since 1970-01-01 00:00:00 UTC, truncated to milliseconds toward the
-// past; nullopt for NaN, infinities and values outside years 0000...9999.
+// past; nullopt for NaN, infinities, values outside years 0000...9999 and instants that
+// `Timestamp` cannot hold.
 std::optional<Timestamp> dateFromSecondsSince1970(double seconds);
 
 }  // namespace notificationdb

@@ -5,6 +5,7 @@
 
 #include <systemd/sd-bus.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -43,14 +44,16 @@ using SlotPointer = std::unique_ptr<sd_bus_slot, SlotReleaser>;
 
 // D-Bus member names: 1 to 255 characters of [A-Za-z0-9_], not starting with a digit.
 bool isValidMemberName(std::string_view name) {
-    if (name.empty() || name.size() > 255) return false;
-    if (name.front() >= '0' && name.front() <= '9') return false;
-    for (char c : name) {
-        bool valid = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
-                     c == '_';
-        if (!valid) return false;
+    if (name.empty() || name.size() > 255) {
+        return false;
     }
-    return true;
+    if (name.front() >= '0' && name.front() <= '9') {
+        return false;
+    }
+    return std::ranges::all_of(name, [](char c) {
+        return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
+               c == '_';
+    });
 }
 
 // sd-bus reports failures as negative errno values.
@@ -64,7 +67,9 @@ enum class PostFailure : std::size_t { invalidName = 0, noBus = 1, sendFailed = 
 
 void reportPostFailure(PostFailure kind, const std::string& name, const std::string& reason) {
     static std::array<std::atomic<bool>, 3> reported{};
-    if (reported.at(static_cast<std::size_t>(kind)).exchange(true)) return;
+    if (reported.at(static_cast<std::size_t>(kind)).exchange(true)) {
+        return;
+    }
     Logger::module()->log(LogLevel::error,
                           "Unable to post distributed notification " + name + ": " + reason);
 }
@@ -77,7 +82,9 @@ void reportObserverFailure(const std::string& name, const std::string& reason) {
 int openSessionBus(BusPointer& bus) {
     sd_bus* raw = nullptr;
     int result = sd_bus_open_user(&raw);
-    if (result < 0) return result;
+    if (result < 0) {
+        return result;
+    }
     bus.reset(raw);
     return sd_bus_set_method_call_timeout(raw, methodCallTimeoutMicroseconds);
 }
@@ -97,18 +104,30 @@ int flushWithin(sd_bus* bus, std::chrono::microseconds timeout) {
         monotonicMicroseconds() + static_cast<std::uint64_t>(timeout.count());
     for (;;) {
         int result = sd_bus_process(bus, nullptr);
-        if (result < 0) return result;
-        if (result > 0) continue;
+        if (result < 0) {
+            return result;
+        }
+        if (result > 0) {
+            continue;
+        }
 
         std::uint64_t queued = 0;
         result = sd_bus_get_n_queued_write(bus, &queued);
-        if (result < 0) return result;
-        if (queued == 0) return 0;
+        if (result < 0) {
+            return result;
+        }
+        if (queued == 0) {
+            return 0;
+        }
 
         std::uint64_t now = monotonicMicroseconds();
-        if (now >= deadline) return -ETIMEDOUT;
+        if (now >= deadline) {
+            return -ETIMEDOUT;
+        }
         result = sd_bus_wait(bus, deadline - now);
-        if (result < 0 && result != -EINTR) return result;
+        if (result < 0 && result != -EINTR) {
+            return result;
+        }
     }
 }
 
@@ -140,10 +159,12 @@ public:
         sd_bus_slot* slot = nullptr;
         std::string path = std::string(DistributedNotificationCenter::objectPath);
         std::string interface = std::string(DistributedNotificationCenter::interfaceName);
-        int result = sd_bus_match_signal(bus_.get(), &slot, nullptr, path.c_str(),
-                                         interface.c_str(), delivery_->name.c_str(),
-                                         &Listener::onSignal, this);
-        if (result >= 0) slot_.reset(slot);
+        int result =
+            sd_bus_match_signal(bus_.get(), &slot, nullptr, path.c_str(), interface.c_str(),
+                                delivery_->name.c_str(), &Listener::onSignal, this);
+        if (result >= 0) {
+            slot_.reset(slot);
+        }
         return result;
     }
 
@@ -159,8 +180,8 @@ public:
         int failure = runLoop();
         if (failure < 0 && !stopRequested_.load()) {
             Logger::module()->log(LogLevel::error, "Distributed notification observer for " +
-                                                       delivery_->name + " stopped: " +
-                                                       describeBusError(failure));
+                                                       delivery_->name +
+                                                       " stopped: " + describeBusError(failure));
         }
     }
 
@@ -170,14 +191,22 @@ private:
         sd_bus* bus = bus_.get();
         while (!stopRequested_.load()) {
             int result = sd_bus_process(bus, nullptr);
-            if (result < 0) return result;
-            if (result > 0) continue;
+            if (result < 0) {
+                return result;
+            }
+            if (result > 0) {
+                continue;
+            }
 
             int events = sd_bus_get_events(bus);
-            if (events < 0) return events;
+            if (events < 0) {
+                return events;
+            }
             std::uint64_t wakeAt = UINT64_MAX;
             result = sd_bus_get_timeout(bus, &wakeAt);
-            if (result < 0) return result;
+            if (result < 0) {
+                return result;
+            }
             int timeoutMilliseconds = -1;
             if (wakeAt != UINT64_MAX) {
                 std::uint64_t now = monotonicMicroseconds();
@@ -220,10 +249,10 @@ private:
 
 class DBusObserverToken final : public DistributedNotificationCenter::ObserverToken {
 public:
-    DBusObserverToken(std::shared_ptr<Listener> listener, std::shared_ptr<Delivery> delivery)
-        : listener_(listener), delivery_(std::move(delivery)), thread_([listener] {
-              listener->listen();
-          }) {}
+    DBusObserverToken(const std::shared_ptr<Listener>& listener, std::shared_ptr<Delivery> delivery)
+        : listener_(listener),
+          delivery_(std::move(delivery)),
+          thread_([listener] { listener->listen(); }) {}
 
     ~DBusObserverToken() override {
         // Jobs already on the main queue see this and skip the handler.
@@ -265,7 +294,9 @@ public:
         // A kept connection may have broken since the last post (bus restarted, process
         // forked); such a failure earns one retry on a fresh connection.
         for (int attempt = 0; attempt < 2; ++attempt) {
-            if (bus_ && sd_bus_is_open(bus_.get()) <= 0) bus_.reset();
+            if (bus_ && sd_bus_is_open(bus_.get()) <= 0) {
+                bus_.reset();
+            }
             bool reused = static_cast<bool>(bus_);
             if (!bus_) {
                 int opened = openSessionBus(bus_);
@@ -278,11 +309,13 @@ public:
             }
             int result = sd_bus_emit_signal(bus_.get(), path.c_str(), interface.c_str(),
                                             name.c_str(), nullptr);
-            if (result < 0) {
-                result = flushWithin(bus_.get(),
-                                     std::chrono::duration_cast<std::chrono::microseconds>(postTimeout));
+            if (result >= 0) {
+                result = flushWithin(
+                    bus_.get(), std::chrono::duration_cast<std::chrono::microseconds>(postTimeout));
             }
-            if (result >= 0) return;
+            if (result >= 0) {
+                return;
+            }
             bus_.reset();
             if (!reused) {
                 reportPostFailure(PostFailure::sendFailed, name, describeBusError(result));
@@ -340,7 +373,9 @@ DefaultCenterSlot& defaultCenterSlot() {
 std::shared_ptr<DistributedNotificationCenter> DistributedNotificationCenter::defaultCenter() {
     auto& slot = defaultCenterSlot();
     std::lock_guard lock(slot.mutex);
-    if (!slot.center) slot.center = makeDBusNotificationCenter();
+    if (!slot.center) {
+        slot.center = makeDBusNotificationCenter();
+    }
     return slot.center;
 }
 

@@ -17,12 +17,16 @@ namespace notificationdb {
 // dropped; nothing throws.
 class DistributedNotificationCenter {
 public:
-    static constexpr std::string_view objectPath = "/org/notificationdb/DistributedNotificationCenter";
-    static constexpr std::string_view interfaceName = "org.notificationdb.DistributedNotificationCenter";
+    static constexpr std::string_view objectPath =
+        "/org/notificationdb/DistributedNotificationCenter";
+    static constexpr std::string_view interfaceName =
+        "org.notificationdb.DistributedNotificationCenter";
 
     using Handler = std::function<void(const std::string& name)>;
 
-    // Stops the observation it stands for when destroyed.
+    // Stops the observation it stands for when destroyed: from then on the handler is not called,
+    // not even for notices already waiting on the main queue (a call running on another thread
+    // at that moment may still finish).
     class ObserverToken {
     public:
         virtual ~ObserverToken() = default;
@@ -35,12 +39,16 @@ public:
     // Replaces the process-wide center; `nullptr` restores the D-Bus one.
     static void setDefaultCenter(std::shared_ptr<DistributedNotificationCenter> center);
 
-    // Sends the notice `name` to all processes of the user, this one included, at once.
+    // Sends the notice `name` to all processes of the user, this one included, at once; waits
+    // at most a moment for the bus to take it. Failures are logged once per kind and process.
     virtual void post(const std::string& name) = 0;
 
     // Calls `handler` on the main queue (`MainQueue::main()`) for every post of `name` by any
-    // process. Returns null when the bus cannot be reached (the failure is logged).
-    virtual std::unique_ptr<ObserverToken> addObserver(const std::string& name, Handler handler) = 0;
+    // process made after this returns. Each observer has its own bus connection and listening
+    // thread. Returns null when the bus cannot be reached or `name` is not a valid member name
+    // (the failure is logged).
+    virtual std::unique_ptr<ObserverToken> addObserver(const std::string& name,
+                                                       Handler handler) = 0;
 };
 
 // The session-bus implementation (sd-bus).

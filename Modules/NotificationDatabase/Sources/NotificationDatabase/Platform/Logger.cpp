@@ -7,11 +7,16 @@ namespace notificationdb {
 
 std::string_view logLevelName(LogLevel level) noexcept {
     switch (level) {
-    case LogLevel::verbose: return "verbose";
-    case LogLevel::debug: return "debug";
-    case LogLevel::info: return "info";
-    case LogLevel::warning: return "warning";
-    case LogLevel::error: return "error";
+        case LogLevel::verbose:
+            return "verbose";
+        case LogLevel::debug:
+            return "debug";
+        case LogLevel::info:
+            return "info";
+        case LogLevel::warning:
+            return "warning";
+        case LogLevel::error:
+            return "error";
     }
     return "unknown";
 }
@@ -21,7 +26,9 @@ StderrLogDestination::StderrLogDestination(LogLevel minimumLevel) noexcept
 
 void StderrLogDestination::write(std::string_view loggerPath, LogLevel level,
                                  std::string_view message) {
-    if (level < minimumLevel_) return;
+    if (level < minimumLevel_) {
+        return;
+    }
     std::string line;
     line.reserve(loggerPath.size() + message.size() + 16);
     line += '[';
@@ -52,7 +59,9 @@ std::vector<std::string> CapturingLogDestination::messages() const {
     std::lock_guard lock(mutex_);
     std::vector<std::string> result;
     result.reserve(entries_.size());
-    for (const auto& entry : entries_) result.push_back(entry.message);
+    for (const auto& entry : entries_) {
+        result.push_back(entry.message);
+    }
     return result;
 }
 
@@ -98,14 +107,18 @@ void Logger::deliver(std::string_view path, LogLevel level, std::string_view mes
     }
     // Destinations are called without the lock, so that one may log or reconfigure loggers.
     for (const auto& destination : own) {
-        if (!destination) continue;
+        if (!destination) {
+            continue;
+        }
         try {
             destination->write(path, level, message);
         } catch (...) {
             // A failing destination must not keep the message from the others.
         }
     }
-    if (inheritDestinations_ && parent_) parent_->deliver(path, level, message);
+    if (inheritDestinations_ && parent_) {
+        parent_->deliver(path, level, message);
+    }
 }
 
 void Logger::setDestinations(Destinations destinations) {

@@ -18,7 +18,8 @@ std::string_view logLevelName(LogLevel level) noexcept;
 class LogDestination {
 public:
     virtual ~LogDestination() = default;
-    // `loggerPath` is the dotted name of the logger that logged, e.g. "root.notifications-database".
+    // `loggerPath` is the dotted name of the logger that logged, e.g.
+    // "root.notifications-database".
     virtual void write(std::string_view loggerPath, LogLevel level, std::string_view message) = 0;
 };
 

@@ -25,6 +25,7 @@ public:
     static MainQueue& main();
 
     MainQueue() = default;
+    ~MainQueue() = default;
     MainQueue(const MainQueue&) = delete;
     MainQueue& operator=(const MainQueue&) = delete;
 
@@ -33,11 +34,13 @@ public:
 
     // Runs jobs as they fall due until `stop()` is called (from a job or another thread).
     void run();
-    // Makes a running `run()`, `runFor()` or `runUntilIdle()` return after its current job.
+    // Makes a running `run()`, `runFor()` or `runUntilIdle()` return after its current job. A
+    // request made while none is running ends the next one at once; each request ends one drive.
     void stop();
     // Runs jobs, waiting for their deadlines, until none is pending; returns how many ran.
     std::size_t runUntilIdle();
-    // Runs jobs as they fall due for `duration`, then returns how many ran.
+    // Runs jobs as they fall due for `duration`, then returns how many ran. Jobs due later than
+    // the end of that window stay pending.
     std::size_t runFor(Clock::duration duration);
 
     // Jobs scheduled and not yet run.

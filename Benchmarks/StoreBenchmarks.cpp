@@ -1,0 +1,604 @@
+// Every case runs twice in the same process: `Library/<case>` through the public API of the
+// store and the updater, and `Baseline/<case>` through `RawStore`, the same work written
+// directly on the sqlite3 C API. Each run starts on its own fresh copy of a prepared database
+// file in a private temporary directory.
+//
+// Timing covers the operation alone. Cases that delete rows put them back, and cases that add
+// rows take them out again, through a separate maintenance connection with the clock stopped
+// (after every iteration, or for the saves after every 100), so every timed call meets the same
+// table size. A write by that other connection makes SQLite drop the page caches of the
+// measured connections at their next transaction; that happens on both sides alike.
+//
+// After the timed loop each case makes one more call under an allocation probe and reports its
+// heap use as the counters `peak_bytes` (the highest number of bytes held at once during the
+// call, result included) and `allocations`. The label says whether the case writes or reads.
+
+#include "AllocationCounter.hpp"
+#include "Fixtures.hpp"
+#include "RawStore.hpp"
+
+#include <NotificationDatabase/NotificationDatabase.hpp>
+#include <NotificationDatabase/NotificationUpdater/NotificationUpdaterImpl.hpp>
+#include <NotificationDatabase/Platform/MainQueue.hpp>
+
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace notificationdb::bench {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// Rows added by a save case stay this many iterations before they are taken out again.
+constexpr std::int64_t kSaveRestoreInterval = 100;
+constexpr int kLarge = 10'000;
+// The row in the middle of a large file that the lookups find; its kind is not `default`.
+constexpr int kMiddleIndex = 5'001;
+
+// --- inputs ---------------------------------------------------------------------------------
+
+Configuration storeConfiguration() {
+    Configuration configuration;
+    configuration.busyMode = BusyMode::timeout(2.0);
+    return configuration;
+}
+
+std::shared_ptr<NotificationDatabaseImpl> openLibraryStore(const std::filesystem::path& path) {
+    return NotificationDatabaseImpl::create(NotificationDatabaseConfig(path, storeConfiguration()));
+}
+
+Timestamp now() { return std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now()); }
+
+// New notifications that match no stored content key: kinds other than `default` (so the
+// content check runs), with a customer, an app and a button. With `firstID` they carry ids.
+std::vector<RawInfo> newNotifications(int count, const std::string& versionPrefix,
+                                      std::optional<std::int64_t> firstID, bool everyOtherWithButton) {
+    std::vector<RawInfo> rows;
+    rows.reserve(static_cast<std::size_t>(count));
+    const Timestamp created = now() - 1h;
+    for (int k = 0; k < count; ++k) {
+        RawInfo row = makeRow(Spread::twentyCustomers, 1, 0, created);
+        RawNotification& n = row.notification;
+        n.id = firstID ? std::optional<std::int64_t>(*firstID + k) : std::nullopt;
+        n.customerId = "customer-" + std::to_string(k % 20);
+        n.createdDate = created;
+        n.version = versionPrefix + std::to_string(k);
+        n.notificationKind = 1 + k % 4;
+        n.appId = 2'000'000 + k;
+        n.status = 0;
+        if (everyOtherWithButton && k % 2 == 1) {
+            row.button.reset();
+        } else {
+            row.button->notificationId.reset();
+        }
+        rows.push_back(std::move(row));
+    }
+    return rows;
+}
+
+std::vector<NotificationModelInfo> toModelInfos(const std::vector<RawInfo>& rows) {
+    std::vector<NotificationModelInfo> infos;
+    infos.reserve(rows.size());
+    for (const RawInfo& row : rows) infos.push_back(toModelInfo(row));
+    return infos;
+}
+
+// 100 ids spread over a large file, half of them of notifications with a button.
+std::vector<std::int64_t> hundredIDs() {
+    std::vector<std::int64_t> ids;
+    for (int j = 0; j < 100; ++j) ids.push_back(j * 100 + 6 + j % 2 + 1);
+    return ids;
+}
+
+// 10 ids spread over a large file.
+std::vector<std::int64_t> tenIDs() {
+    std::vector<std::int64_t> ids;
+    for (int j = 0; j < 10; ++j) ids.push_back(j * 1'000 + 2);
+    return ids;
+}
+
+NotificationIDs toIDSet(const std::vector<std::int64_t>& ids) { return {ids.begin(), ids.end()}; }
+
+RawInfo middleRow() { return makeRow(Spread::twentyCustomers, kLarge, kMiddleIndex, now()); }
+
+std::string inCondition(const std::vector<std::int64_t>& ids) {
+    return "\"id\" IN (SELECT value FROM json_each('" + idList(ids) + "'))";
+}
+
+// --- measuring ------------------------------------------------------------------------------
+
+void expect(bool condition, const std::string& what) {
+    if (!condition) throw std::runtime_error("unexpected state: " + what);
+}
+
+void expectCount(Maintenance& maintenance, std::int64_t expected, const std::string& what) {
+    const std::int64_t actual = maintenance.count();
+    expect(actual == expected, what + ": " + std::to_string(actual) + " rows instead of " + std::to_string(expected));
+}
+
+// Runs `operation` once per iteration. `restore` runs with the clock stopped after every
+// `restoreInterval` iterations. One untimed call with its restore comes first, so statements
+// are prepared and connections open before timing starts; `check` runs after that call.
+template <class Operation, class Restore, class Check>
+void measure(benchmark::State& state, Operation&& operation, Restore&& restore, std::int64_t restoreInterval,
+             Check&& check) {
+    operation();
+    check();
+    restore();
+    std::int64_t sinceRestore = 0;
+    for (auto _ : state) {
+        operation();
+        if (++sinceRestore == restoreInterval) {
+            state.PauseTiming();
+            restore();
+            sinceRestore = 0;
+            state.ResumeTiming();
+        }
+    }
+    if (sinceRestore != 0) restore();
+    AllocationProbe probe;
+    operation();
+    state.counters["peak_bytes"] = static_cast<double>(probe.peakBytes());
+    state.counters["allocations"] = static_cast<double>(probe.allocationCount());
+}
+
+template <class Operation>
+void measure(benchmark::State& state, Operation&& operation) {
+    measure(state, operation, [] {}, 0, [] {});
+}
+
+// --- cases ----------------------------------------------------------------------------------
+
+enum class Access { read, write };
+
+struct Case {
+    std::string name;
+    Access access;
+    std::function<void(benchmark::State&)> library;
+    std::function<void(benchmark::State&)> baseline;
+};
+
+std::vector<Case> cases() {
+    std::vector<Case> all;
+
+    // Save of a new notification with a button: existence by content, INSERT, button INSERT.
+    for (const int rows : {1'000, kLarge}) {
+        const auto check = [rows](Maintenance& maintenance) { expectCount(maintenance, rows + 1, "after a save"); };
+        all.push_back({"save_new/" + std::to_string(rows), Access::write,
+                       [rows, check](benchmark::State& state) {
+                           WorkingCopy file(Spread::twentyCustomers, rows);
+                           auto store = openLibraryStore(file.path());
+                           Maintenance maintenance(file.path());
+                           const auto inputs = toModelInfos(newNotifications(kSaveRestoreInterval, "9.new.", {}, false));
+                           std::size_t next = 0;
+                           measure(
+                               state, [&] { store->save(inputs[next++ % inputs.size()]); },
+                               [&] {
+                                   maintenance.deleteAbove(rows);
+                                   next = 0;
+                               },
+                               kSaveRestoreInterval, [&] { check(maintenance); });
+                       },
+                       [rows, check](benchmark::State& state) {
+                           WorkingCopy file(Spread::twentyCustomers, rows);
+                           RawStore store(file.path());
+                           Maintenance maintenance(file.path());
+                           const auto inputs = newNotifications(kSaveRestoreInterval, "9.new.", {}, false);
+                           std::size_t next = 0;
+                           measure(
+                               state,
+                               [&] {
+                                   store.save(inputs[next++ % inputs.size()]);
+                                   benchmark::DoNotOptimize(store.takeChangeMark());
+                               },
+                               [&] {
+                                   maintenance.deleteAbove(rows);
+                                   next = 0;
+                               },
+                               kSaveRestoreInterval, [&] { check(maintenance); });
+                       }});
+    }
+
+    // Save of a notification whose content key is stored already: found, skipped.
+    {
+        const auto duplicate = [] {
+            RawInfo row = middleRow();
+            row.notification.id.reset();
+            row.notification.title = "Another title";
+            row.notification.createdDate = now();
+            row.button->notificationId.reset();
+            return row;
+        };
+        const auto check = [](Maintenance& maintenance) { expectCount(maintenance, kLarge, "after a duplicate"); };
+        all.push_back({"save_duplicate/10000", Access::write,
+                       [duplicate, check](benchmark::State& state) {
+                           WorkingCopy file(Spread::twentyCustomers, kLarge);
+                           auto store = openLibraryStore(file.path());
+                           Maintenance maintenance(file.path());
+                           const NotificationModelInfo input = toModelInfo(duplicate());
+                           measure(state, [&] { store->save(input); }, [] {}, 0, [&] { check(maintenance); });
+                       },
+                       [duplicate, check](benchmark::State& state) {
+                           WorkingCopy file(Spread::twentyCustomers, kLarge);
+                           RawStore store(file.path());
+                           Maintenance maintenance(file.path());
+                           const RawInfo input = duplicate();
+                           measure(state, [&] { store.save(input); }, [] {}, 0, [&] { check(maintenance); });
+                       }});
+    }
+
+    // Everything, newest first, with buttons.
+    for (const int rows : {100, 1'000, kLarge}) {
+        all.push_back({"fetch_all/" + std::to_string(rows), Access::read,
+                       [rows](benchmark::State& state) {
+                           WorkingCopy file(Spread::twentyCustomers, rows);
+                           auto store = openLibraryStore(file.path());
+                           expect(store->fetchNotifications(std::nullopt).size() == static_cast<std::size_t>(rows),
+                                  "fetch size");
+                           measure(state, [&] {
+                               auto result = store->fetchNotifications(std::nullopt);
+                               benchmark::DoNotOptimize(result.data());
+                           });
+                       },
+                       [rows](benchmark::State& state) {
+                           WorkingCopy file(Spread::twentyCustomers, rows);
+                           RawStore store(file.path());
+                           expect(store.fetchNotifications(std::nullopt).size() == static_cast<std::size_t>(rows),
+                                  "fetch size");
+                           measure(state, [&] {
+                               auto result = store.fetchNotifications(std::nullopt);
+                               benchmark::DoNotOptimize(result.data());
+                           });
+                       }});
+    }
+
+    all.push_back({"fetch_10_ids/10000", Access::read,
+                   [](benchmark::State& state) {
+                       WorkingCopy file(Spread::twentyCustomers, kLarge);
+                       auto store = openLibraryStore(file.path());
+                       const std::optional<NotificationIDs> ids = toIDSet(tenIDs());
+                       expect(store->fetchNotifications(ids).size() == 10, "fetch by ids");
+                       measure(state, [&] {
+                           auto result = store->fetchNotifications(ids);
+                           benchmark::DoNotOptimize(result.data());
+                       });
+                   },
+                   [](benchmark::State& state) {
+                       WorkingCopy file(Spread::twentyCustomers, kLarge);
+                       RawStore store(file.path());
+                       const std::optional<std::vector<std::int64_t>> ids = tenIDs();
+                       expect(store.fetchNotifications(ids).size() == 10, "fetch by ids");
+                       measure(state, [&] {
+                           auto result = store.fetchNotifications(ids);
+                           benchmark::DoNotOptimize(result.data());
+                       });
+                   }});
+
+    all.push_back({"count/10000", Access::read,
+                   [](benchmark::State& state) {
+                       WorkingCopy file(Spread::twentyCustomers, kLarge);
+                       auto store = openLibraryStore(file.path());
+                       expect(store->notificationsCount() == kLarge, "count");
+                       measure(state, [&] { benchmark::DoNotOptimize(store->notificationsCount()); });
+                   },
+                   [](benchmark::State& state) {
+                       WorkingCopy file(Spread::twentyCustomers, kLarge);
+                       RawStore store(file.path());
+                       expect(store.notificationsCount() == kLarge, "count");
+                       measure(state, [&] { benchmark::DoNotOptimize(store.notificationsCount()); });
+                   }});
+
+    // The lookups find the row in the middle of the table (a scan of half of it).
+    all.push_back({"contains_vantro/10000", Access::read,
+                   [](benchmark::State& state) {
+                       WorkingCopy file(Spread::twentyCustomers, kLarge);
+                       auto store = openLibraryStore(file.path());
+                       const std::string version = middleRow().notification.version;
+                       expect(store->containsVantro(version), "containsVantro");
+                       measure(state, [&] { benchmark::DoNotOptimize(store->containsVantro(version)); });
+                   },
+                   [](benchmark::State& state) {
+                       WorkingCopy file(Spread::twentyCustomers, kLarge);
+                       RawStore store(file.path());
+                       const std::string version = middleRow().notification.version;
+                       expect(store.containsVantro(version), "containsVantro");
+                       measure(state, [&] { benchmark::DoNotOptimize(store.containsVantro(version)); });
+                   }});
+
+    all.push_back({"contains_notification/10000", Access::read,
+                   [](benchmark::State& state) {
+                       WorkingCopy file(Spread::twentyCustomers, kLarge);
+                       auto store = openLibraryStore(file.path());
+                       const RawNotification row = middleRow().notification;
+                       const auto kind = static_cast<NotificationKind>(row.notificationKind);
+                       const std::optional<std::string> version = row.version;
+                       const auto ask = [&] { return store->containsNotification(kind, *row.customerId, row.appId, version); };
+                       expect(ask(), "containsNotification");
+                       measure(state, [&] { benchmark::DoNotOptimize(ask()); });
+                   },
+                   [](benchmark::State& state) {
+                       WorkingCopy file(Spread::twentyCustomers, kLarge);
+                       RawStore store(file.path());
+                       const RawNotification row = middleRow().notification;
+                       const std::optional<std::string> version = row.version;
+                       const auto ask = [&] {
+                           return store.containsNotification(row.notificationKind, *row.customerId, row.appId, version);
+                       };
+                       expect(ask(), "containsNotification");
+                       measure(state, [&] { benchmark::DoNotOptimize(ask()); });
+                   }});
+
+    // Status and visibility alternate, so every call changes the rows it names.
+    all.push_back({"update_status_100/10000", Access::write,
+                   [](benchmark::State& state) {
+                       WorkingCopy file(Spread::twentyCustomers, kLarge);
+                       auto store = openLibraryStore(file.path());
+                       const NotificationIDs ids = toIDSet(hundredIDs());
+                       bool read = false;
+                       measure(state, [&] {
+                           read = !read;
+                           store->updateStatus(ids, read ? NotificationStatus::read : NotificationStatus::shown);
+                       });
+                   },
+                   [](benchmark::State& state) {
+                       WorkingCopy file(Spread::twentyCustomers, kLarge);
+                       RawStore store(file.path());
+                       const std::vector<std::int64_t> ids = hundredIDs();
+                       bool read = false;
+                       measure(state, [&] {
+                           read = !read;
+                           store.updateStatus(ids, read ? 2 : 1);
+                           benchmark::DoNotOptimize(store.takeChangeMark());
+                       });
+                   }});
+
+    all.push_back({"update_button_visibility_100/10000", Access::write,
+                   [](benchmark::State& state) {
+                       WorkingCopy file(Spread::twentyCustomers, kLarge);
+                       auto store = openLibraryStore(file.path());
+                       const NotificationIDs ids = toIDSet(hundredIDs());
+                       bool visible = true;
+                       measure(state, [&] {
+                           visible = !visible;
+                           store->updateButtonVisibility(ids, visible);
+                       });
+                   },
+                   [](benchmark::State& state) {
+                       WorkingCopy file(Spread::twentyCustomers, kLarge);
+                       RawStore store(file.path());
+                       const std::vector<std::int64_t> ids = hundredIDs();
+                       bool visible = true;
+                       measure(state, [&] {
+                           visible = !visible;
+                           store.updateButtonVisibility(ids, visible);
+                       });
+                   }});
+
+    // Deletion of 100 pairs as read back from the store; they are put back after each call.
+    {
+        const auto check = [](Maintenance& maintenance) { expectCount(maintenance, kLarge - 100, "after delete"); };
+        all.push_back({"delete_100/10000", Access::write,
+                       [check](benchmark::State& state) {
+                           WorkingCopy file(Spread::twentyCustomers, kLarge);
+                           auto store = openLibraryStore(file.path());
+                           Maintenance maintenance(file.path());
+                           maintenance.snapshot(inCondition(hundredIDs()));
+                           const auto fetched = store->fetchNotifications(toIDSet(hundredIDs()));
+                           const NotificationModelInfoSet pairs(fetched.begin(), fetched.end());
+                           expect(pairs.size() == 100, "pairs to delete");
+                           measure(
+                               state, [&] { store->deleteNotifications(pairs); }, [&] { maintenance.restore(); }, 1,
+                               [&] { check(maintenance); });
+                       },
+                       [check](benchmark::State& state) {
+                           WorkingCopy file(Spread::twentyCustomers, kLarge);
+                           RawStore store(file.path());
+                           Maintenance maintenance(file.path());
+                           maintenance.snapshot(inCondition(hundredIDs()));
+                           const auto fetched = store.fetchNotifications(hundredIDs());
+                           std::vector<const RawInfo*> pairs;
+                           for (const RawInfo& info : fetched) pairs.push_back(&info);
+                           expect(pairs.size() == 100, "pairs to delete");
+                           measure(
+                               state,
+                               [&] {
+                                   store.deleteNotifications(pairs);
+                                   benchmark::DoNotOptimize(store.takeChangeMark());
+                               },
+                               [&] { maintenance.restore(); }, 1, [&] { check(maintenance); });
+                       }});
+    }
+
+    // Every notification of one kind (a fifth of the table) with its buttons.
+    {
+        const auto kind = NotificationKind::appUpdate;
+        const std::string condition = "\"notificationKind\" = " + std::to_string(rawValue(kind));
+        const auto check = [](Maintenance& maintenance) {
+            expectCount(maintenance, kLarge - kLarge / 5, "after deleting a kind");
+        };
+        all.push_back({"delete_all_of_kind/10000", Access::write,
+                       [kind, condition, check](benchmark::State& state) {
+                           WorkingCopy file(Spread::twentyCustomers, kLarge);
+                           auto store = openLibraryStore(file.path());
+                           Maintenance maintenance(file.path());
+                           maintenance.snapshot(condition);
+                           measure(
+                               state, [&] { store->deleteAllNotifications(kind); }, [&] { maintenance.restore(); }, 1,
+                               [&] { check(maintenance); });
+                       },
+                       [kind, condition, check](benchmark::State& state) {
+                           WorkingCopy file(Spread::twentyCustomers, kLarge);
+                           RawStore store(file.path());
+                           Maintenance maintenance(file.path());
+                           maintenance.snapshot(condition);
+                           measure(
+                               state,
+                               [&] {
+                                   store.deleteAllNotifications(rawValue(kind));
+                                   benchmark::DoNotOptimize(store.takeChangeMark());
+                               },
+                               [&] { maintenance.restore(); }, 1, [&] { check(maintenance); });
+                       }});
+    }
+
+    // A batch of 100 new notifications (with ids, so none collapse) into 1,000 stored: 100
+    // saves, then the pruning pass, which finds nothing to delete (55 per customer, all recent).
+    {
+        constexpr int rows = 1'000;
+        static constexpr std::int64_t firstID = 1'000'001;
+        const auto check = [](Maintenance& maintenance) { expectCount(maintenance, rows + 100, "after receive"); };
+        all.push_back({"updater_receive_100/1000", Access::write,
+                       [check](benchmark::State& state) {
+                           WorkingCopy file(Spread::twentyCustomers, rows);
+                           auto store = openLibraryStore(file.path());
+                           auto updater = std::make_shared<NotificationUpdaterImpl>(store);
+                           Maintenance maintenance(file.path());
+                           const auto batch = toModelInfos(newNotifications(100, "9.batch.", firstID, true));
+                           measure(
+                               state, [&] { updater->receive(batch); }, [&] { maintenance.deleteAbove(rows); }, 1,
+                               [&] { check(maintenance); });
+                       },
+                       [check](benchmark::State& state) {
+                           WorkingCopy file(Spread::twentyCustomers, rows);
+                           RawStore store(file.path());
+                           Maintenance maintenance(file.path());
+                           const auto batch = newNotifications(100, "9.batch.", firstID, true);
+                           measure(
+                               state,
+                               [&] {
+                                   rawReceive(store, batch);
+                                   benchmark::DoNotOptimize(store.takeChangeMark());
+                               },
+                               [&] { maintenance.deleteAbove(rows); }, 1, [&] { check(maintenance); });
+                       }});
+    }
+
+    // The pruning pass over 10,000 rows with nothing to delete: one read and the grouping.
+    {
+        const auto check = [](Maintenance& maintenance) { expectCount(maintenance, kLarge, "after clean-up"); };
+        all.push_back({"cleanup_nothing/10000", Access::read,
+                       [check](benchmark::State& state) {
+                           WorkingCopy file(Spread::withinLimits, kLarge);
+                           auto store = openLibraryStore(file.path());
+                           auto updater = std::make_shared<NotificationUpdaterImpl>(store);
+                           Maintenance maintenance(file.path());
+                           measure(state, [&] { updater->cleanUp(); }, [] {}, 0, [&] { check(maintenance); });
+                       },
+                       [check](benchmark::State& state) {
+                           WorkingCopy file(Spread::withinLimits, kLarge);
+                           RawStore store(file.path());
+                           Maintenance maintenance(file.path());
+                           measure(state, [&] { rawCleanUp(store); }, [] {}, 0, [&] { check(maintenance); });
+                       }});
+    }
+
+    // The pruning pass over 10,000 rows that deletes 2,000 (1,000 over the per-customer limit,
+    // 1,000 too old); they are put back after each call.
+    {
+        const auto check = [](Maintenance& maintenance) { expectCount(maintenance, kLarge - 2'000, "after pruning"); };
+        all.push_back({"cleanup_2000/10000", Access::write,
+                       [check](benchmark::State& state) {
+                           WorkingCopy file(Spread::twoThousandToPrune, kLarge);
+                           auto store = openLibraryStore(file.path());
+                           auto updater = std::make_shared<NotificationUpdaterImpl>(store);
+                           Maintenance maintenance(file.path());
+                           maintenance.snapshot(inCondition(rowsToPrune(kLarge)));
+                           measure(
+                               state, [&] { updater->cleanUp(); }, [&] { maintenance.restore(); }, 1,
+                               [&] { check(maintenance); });
+                       },
+                       [check](benchmark::State& state) {
+                           WorkingCopy file(Spread::twoThousandToPrune, kLarge);
+                           RawStore store(file.path());
+                           Maintenance maintenance(file.path());
+                           maintenance.snapshot(inCondition(rowsToPrune(kLarge)));
+                           measure(
+                               state,
+                               [&] {
+                                   rawCleanUp(store);
+                                   benchmark::DoNotOptimize(store.takeChangeMark());
+                               },
+                               [&] { maintenance.restore(); }, 1, [&] { check(maintenance); });
+                       }});
+    }
+
+    // Opening a store on an existing file of 10,000 rows, no other connection open: the writer,
+    // its pragmas and the schema check. Closing happens with the clock stopped.
+    all.push_back({"open/10000", Access::write,
+                   [](benchmark::State& state) {
+                       WorkingCopy file(Spread::twentyCustomers, kLarge);
+                       const NotificationDatabaseConfig config(file.path(), storeConfiguration());
+                       std::shared_ptr<NotificationDatabaseImpl> store;
+                       measure(
+                           state, [&] { store = NotificationDatabaseImpl::create(config); }, [&] { store.reset(); }, 1,
+                           [] {});
+                   },
+                   [](benchmark::State& state) {
+                       WorkingCopy file(Spread::twentyCustomers, kLarge);
+                       std::unique_ptr<RawStore> store;
+                       measure(
+                           state, [&] { store = std::make_unique<RawStore>(file.path()); }, [&] { store.reset(); }, 1,
+                           [] {});
+                   }});
+
+    return all;
+}
+
+// A failure inside a case ends that case with an error instead of the process.
+std::function<void(benchmark::State&)> guarded(std::function<void(benchmark::State&)> body, Access access) {
+    return [body = std::move(body), access](benchmark::State& state) {
+        try {
+            body(state);
+            state.SetLabel(access == Access::write ? "write" : "read");
+        } catch (const std::exception& error) {
+            state.SkipWithError(error.what());
+        }
+    };
+}
+
+}  // namespace
+
+void registerStoreBenchmarks() {
+    for (Case& entry : cases()) {
+        for (const bool library : {true, false}) {
+            const std::string name = (library ? "Library/" : "Baseline/") + entry.name;
+            benchmark::RegisterBenchmark(name.c_str(), guarded(library ? entry.library : entry.baseline, entry.access))
+                ->UseRealTime()
+                ->Unit(benchmark::kMicrosecond);
+        }
+    }
+}
+
+}  // namespace notificationdb::bench
+
+int main(int argc, char** argv) {
+    // The store schedules a notice on the main queue one second after each committed change of
+    // "notification". Posting it is not store work and nothing drives the queue here, so the
+    // scheduled jobs are dropped instead of piling up.
+    notificationdb::MainQueue::main().setScheduler([](auto /*deadline*/, auto /*job*/) {});
+
+    notificationdb::bench::registerStoreBenchmarks();
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    int status = 0;
+    try {
+        benchmark::RunSpecifiedBenchmarks();
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "notificationdb_benchmarks: %s\n", error.what());
+        status = 1;
+    }
+    benchmark::Shutdown();
+    notificationdb::bench::removeWorkspace();
+    return status;
+}

@@ -1,0 +1,428 @@
+// The SQLite access layer: connections and statements, the pool's transactions, locking between
+// processes, reader connections and region observation.
+
+#include <NotificationDatabase/Database/DatabaseError.hpp>
+#include <NotificationDatabase/Database/DatabasePool.hpp>
+
+#include "TestSupport.hpp"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <fstream>
+#include <future>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace notificationdb {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::caught;
+using testing::ChildProcess;
+using testing::childProgram;
+using testing::RawDatabase;
+using testing::TemporaryDirectory;
+
+// Bound after which a test stops waiting for another thread instead of hanging.
+constexpr auto watchdog = 10s;
+
+Configuration writable(BusyMode busyMode = BusyMode::timeout(10.0)) {
+    Configuration configuration;
+    configuration.busyMode = std::move(busyMode);
+    return configuration;
+}
+
+Configuration readOnly() {
+    Configuration configuration;
+    configuration.readOnly = true;
+    return configuration;
+}
+
+std::int64_t integer(Connection& connection, std::string_view sql) {
+    auto statement = connection.cachedStatement(sql);
+    if (!statement->step()) throw std::runtime_error("no row for " + std::string(sql));
+    return statement->row().int64(0);
+}
+
+std::int64_t rowCount(DatabasePool& pool) {
+    return pool.read([](Connection& connection) { return integer(connection, "SELECT count(*) FROM t"); });
+}
+
+class DatabasePoolTest : public ::testing::Test {
+protected:
+    // A read-write pool on a file with the table "t" (one row) that the lock-holding child uses.
+    DatabasePool& makeFileWithTable() {
+        pool_ = std::make_unique<DatabasePool>(path, writable());
+        pool_->write([](Connection& connection) {
+            connection.execute("CREATE TABLE t (v TEXT NOT NULL); INSERT INTO t (v) VALUES ('first')");
+        });
+        return *pool_;
+    }
+
+    TemporaryDirectory directory;
+    const std::filesystem::path path = directory / "pool.sqlite";
+
+private:
+    std::unique_ptr<DatabasePool> pool_;
+};
+
+TEST_F(DatabasePoolTest, OpeningHonoursReadOnlyAndRejectsFilesThatAreNoDatabase) {
+    auto missing = caught<DatabaseError>([&] { DatabasePool pool(path, readOnly()); });
+    ASSERT_TRUE(missing);
+    EXPECT_EQ(missing->resultCode(), SQLITE_CANTOPEN);
+    EXPECT_FALSE(std::filesystem::exists(path));
+
+    DatabasePool& writer = makeFileWithTable();
+    // Readers of a read-write pool open the file read-only too.
+    auto readerWrite = caught<DatabaseError>(
+        [&] { writer.read([](Connection& connection) { connection.execute("INSERT INTO t (v) VALUES ('x')"); }); });
+    ASSERT_TRUE(readerWrite);
+    EXPECT_EQ(readerWrite->resultCode(), SQLITE_READONLY);
+
+    DatabasePool reading(path, readOnly());
+    EXPECT_EQ(rowCount(reading), 1);
+    // The writer of a read-only pool reads inside write() but cannot change anything.
+    EXPECT_EQ(reading.write([](Connection& connection) { return integer(connection, "SELECT count(*) FROM t"); }), 1);
+    auto refused = caught<DatabaseError>(
+        [&] { reading.write([](Connection& connection) { connection.execute("DELETE FROM t"); }); });
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(refused->resultCode(), SQLITE_READONLY);
+    EXPECT_EQ(rowCount(writer), 1);
+
+    const auto garbage = directory / "garbage.sqlite";
+    std::ofstream(garbage) << std::string(4096, 'x');
+    auto notADatabase = caught<DatabaseError>([&] { DatabasePool pool(garbage, writable()); });
+    ASSERT_TRUE(notADatabase);
+    EXPECT_EQ(notADatabase->resultCode(), SQLITE_NOTADB);
+}
+
+TEST_F(DatabasePoolTest, EveryConnectionEnforcesForeignKeysAndTheFileIsInWALMode) {
+    DatabasePool& pool = makeFileWithTable();
+    EXPECT_EQ(pool.write([](Connection& connection) { return integer(connection, "PRAGMA foreign_keys"); }), 1);
+    EXPECT_EQ(pool.read([](Connection& connection) { return integer(connection, "PRAGMA foreign_keys"); }), 1);
+    DatabasePool reading(path, readOnly());
+    EXPECT_EQ(reading.write([](Connection& connection) { return integer(connection, "PRAGMA foreign_keys"); }), 1);
+    EXPECT_EQ(reading.read([](Connection& connection) { return integer(connection, "PRAGMA foreign_keys"); }), 1);
+    EXPECT_EQ(RawDatabase(path).scalar("PRAGMA journal_mode"), "wal");
+}
+
+TEST_F(DatabasePoolTest, WriteCommitsOnReturnAndRollsBackOnAnyFailure) {
+    DatabasePool& pool = makeFileWithTable();
+    const auto id = pool.write([](Connection& connection) {
+        connection.execute("INSERT INTO t (v) VALUES ('second')");
+        return connection.lastInsertedRowID();
+    });
+    EXPECT_EQ(RawDatabase(path).scalar("SELECT v FROM t WHERE rowid = " + std::to_string(id)), "second");
+
+    EXPECT_THROW(pool.write([](Connection& connection) {
+        connection.execute("INSERT INTO t (v) VALUES ('abandoned')");
+        throw std::logic_error("abandon");
+    }),
+                 std::logic_error);
+    auto failed = caught<DatabaseError>([&] {
+        pool.write([](Connection& connection) {
+            connection.execute("INSERT INTO t (v) VALUES ('before the failure')");
+            connection.execute("INSERT INTO t (v) VALUES (NULL)");
+        });
+    });
+    ASSERT_TRUE(failed);
+    EXPECT_EQ(failed->extendedResultCode(), SQLITE_CONSTRAINT_NOTNULL);
+    EXPECT_EQ(rowCount(pool), 2);
+    // The writer was not left inside a transaction: the next write begins and commits.
+    pool.write([](Connection& connection) { connection.execute("INSERT INTO t (v) VALUES ('third')"); });
+    EXPECT_EQ(rowCount(pool), 3);
+}
+
+TEST_F(DatabasePoolTest, ReaderSeesTheLastCommittedStateWhileAWriteIsOpen) {
+    DatabasePool& pool = makeFileWithTable();
+    std::promise<void> inserted;
+    std::promise<void> readDone;
+    std::shared_future<void> readDoneFuture = readDone.get_future().share();
+    std::thread writer([&] {
+        pool.write([&](Connection& connection) {
+            connection.execute("INSERT INTO t (v) VALUES ('uncommitted')");
+            inserted.set_value();
+            readDoneFuture.wait();
+        });
+    });
+    inserted.get_future().wait();
+    auto reading = std::async(std::launch::async, [&] { return rowCount(pool); });
+    const bool readFinished = reading.wait_for(watchdog) == std::future_status::ready;
+    readDone.set_value();
+    writer.join();
+    ASSERT_TRUE(readFinished) << "the read waited for the open write transaction";
+    EXPECT_EQ(reading.get(), 1);
+    EXPECT_EQ(rowCount(pool), 2);
+}
+
+TEST_F(DatabasePoolTest, AtMostFiveReadersAndReleaseMemoryClosesOnlyIdleOnes) {
+    DatabasePool& pool = makeFileWithTable();
+    std::mutex mutex;
+    std::condition_variable changed;
+    int started = 0;
+    int inside = 0;
+    int mostInside = 0;
+    bool release = false;
+    std::vector<std::thread> readers;
+    for (int i = 0; i < 6; ++i) {
+        readers.emplace_back([&] {
+            {
+                std::lock_guard lock(mutex);
+                ++started;
+            }
+            changed.notify_all();
+            pool.read([&](Connection& connection) {
+                integer(connection, "SELECT count(*) FROM t");
+                std::unique_lock lock(mutex);
+                mostInside = std::max(mostInside, ++inside);
+                changed.notify_all();
+                changed.wait_for(lock, watchdog, [&] { return release; });
+                --inside;
+            });
+        });
+    }
+    {
+        std::unique_lock lock(mutex);
+        EXPECT_TRUE(changed.wait_for(lock, watchdog, [&] { return started == 6 && inside == 5; }));
+    }
+    // Gives a sixth reader the chance to slip past the limit; with the limit kept it waits.
+    std::this_thread::sleep_for(100ms);
+    EXPECT_EQ(pool.openReaderCount(), 5);
+    pool.releaseMemory();
+    EXPECT_EQ(pool.openReaderCount(), 5) << "readers in use were closed";
+    {
+        std::lock_guard lock(mutex);
+        EXPECT_EQ(inside, 5);
+        release = true;
+    }
+    changed.notify_all();
+    for (auto& reader : readers) reader.join();
+    EXPECT_EQ(mostInside, 5);
+    EXPECT_EQ(pool.openReaderCount(), 5);
+
+    pool.releaseMemory();
+    EXPECT_EQ(pool.openReaderCount(), 0);
+    EXPECT_EQ(rowCount(pool), 1);
+    EXPECT_EQ(pool.openReaderCount(), 1);
+
+    Configuration persistent = readOnly();
+    persistent.persistentReadOnlyConnections = true;
+    DatabasePool keeping(path, persistent);
+    EXPECT_EQ(rowCount(keeping), 1);
+    keeping.releaseMemory();
+    EXPECT_EQ(keeping.openReaderCount(), 1);
+}
+
+TEST_F(DatabasePoolTest, WriterMeetsAnotherProcesssLockAccordingToItsBusyMode) {
+    makeFileWithTable();
+    DatabasePool patient(path, writable(BusyMode::timeout(10.0)));
+    DatabasePool impatient(path, writable(BusyMode::immediateError()));
+    std::vector<int> tries;
+    DatabasePool asking(path, writable(BusyMode::callback([&](int numberOfTries) {
+        tries.push_back(numberOfTries);
+        return numberOfTries < 3;
+    })));
+    auto insert = [](Connection& connection) { connection.execute("INSERT INTO t (v) VALUES ('parent')"); };
+
+    {
+        ChildProcess holder(childProgram("hold_lock"), {path.string(), "60000"});
+        ASSERT_EQ(holder.readLine(), "locked");
+        auto busy = caught<DatabaseError>([&] { impatient.write(insert); });
+        ASSERT_TRUE(busy);
+        EXPECT_EQ(busy->resultCode(), SQLITE_BUSY);
+        auto refused = caught<DatabaseError>([&] { asking.write(insert); });
+        ASSERT_TRUE(refused);
+        EXPECT_EQ(refused->resultCode(), SQLITE_BUSY);
+        EXPECT_EQ(tries, (std::vector<int>{0, 1, 2, 3}));
+        // Readers are not held up by the lock and do not see the uncommitted row.
+        EXPECT_EQ(rowCount(impatient), 1);
+        holder.kill();
+        holder.wait();
+    }
+
+    ChildProcess holder(childProgram("hold_lock"), {path.string(), "500"});
+    ASSERT_EQ(holder.readLine(), "locked");
+    EXPECT_NO_THROW(patient.write(insert));
+    EXPECT_EQ(holder.readLine(), "released");
+    EXPECT_EQ(holder.wait(), 0);
+    EXPECT_EQ(RawDatabase(path).query("SELECT v FROM t ORDER BY rowid"),
+              (std::vector<std::vector<std::string>>{{"first"}, {"child"}, {"parent"}}));
+}
+
+TEST_F(DatabasePoolTest, ObservationReportsEachCommittedTransactionThatChangedATrackedTable) {
+    DatabasePool pool(path, writable());
+    pool.write([](Connection& connection) {
+        connection.execute("CREATE TABLE tracked (id INTEGER PRIMARY KEY, v NOT NULL); CREATE TABLE other (v)");
+        // Prepared and cached before anyone observes the table.
+        connection.cachedStatement("DELETE FROM tracked")->execute();
+    });
+    RawDatabase raw(path);
+    std::vector<std::string> seenRows;
+    std::vector<std::string> errors;
+    std::thread::id handlerThread;
+    int otherChanges = 0;
+    int failingCalls = 0;
+    auto observation = pool.observe(
+        {"TRACKED"},
+        [&] {
+            handlerThread = std::this_thread::get_id();
+            seenRows.push_back(raw.scalar("SELECT count(*) FROM tracked"));
+        },
+        [&](const std::exception& error) { errors.emplace_back(error.what()); });
+    auto otherObservation = pool.observe({"other"}, [&] { ++otherChanges; }, {});
+    auto failing = pool.observe(
+        {"tracked"}, [&] { if (++failingCalls == 1) throw std::runtime_error("observer failed"); },
+        [&](const std::exception& error) { errors.push_back(std::string("second: ") + error.what()); });
+
+    pool.write([](Connection& connection) {
+        connection.execute("INSERT INTO tracked (v) VALUES (1); INSERT INTO tracked (v) VALUES (2)");
+        connection.execute("UPDATE tracked SET v = 3");
+    });
+    // Called once, after the commit: another connection already sees both rows.
+    EXPECT_EQ(seenRows, std::vector<std::string>{"2"});
+    EXPECT_EQ(errors, std::vector<std::string>{"second: observer failed"});
+    EXPECT_EQ(otherChanges, 0);
+
+    pool.write([](Connection& connection) { connection.execute("INSERT INTO other (v) VALUES (1)"); });
+    EXPECT_THROW(pool.write([](Connection& connection) {
+        connection.execute("INSERT INTO tracked (v) VALUES (4)");
+        throw std::runtime_error("rolled back");
+    }),
+                 std::runtime_error);
+    // Failed statements undo their own changes; the transaction commits with "other" only.
+    pool.write([](Connection& connection) {
+        EXPECT_THROW(connection.execute("INSERT INTO tracked (v) VALUES (5), (NULL)"), DatabaseError);
+        auto statement = connection.cachedStatement("INSERT INTO tracked (v) VALUES (?), (?)");
+        statement->bind(1, 6);
+        statement->bindNull(2);
+        EXPECT_THROW(statement->execute(), DatabaseError);
+        connection.execute("INSERT INTO other (v) VALUES (2)");
+    });
+    EXPECT_EQ(seenRows, std::vector<std::string>{"2"});
+    EXPECT_EQ(otherChanges, 2);
+    EXPECT_EQ(raw.scalar("SELECT count(*) FROM tracked"), "2");
+
+    // Of several statements run at once, those before the failing one keep their changes.
+    pool.write([](Connection& connection) {
+        EXPECT_THROW(connection.execute("INSERT INTO tracked (v) VALUES (9); INSERT INTO tracked (v) VALUES (NULL)"),
+                     DatabaseError);
+    });
+    EXPECT_EQ(seenRows, (std::vector<std::string>{"2", "3"}));
+
+    // Commits of another pool on the same file are not this pool's to report.
+    DatabasePool(path, writable()).write([](Connection& connection) {
+        connection.execute("INSERT INTO tracked (v) VALUES (7)");
+    });
+    EXPECT_EQ(seenRows.size(), 2U);
+
+    // An unconditional delete empties the table without visiting rows unless the layer
+    // prevents it; the cached statement must have been prepared again for the observation.
+    std::thread::id writingThread;
+    std::thread([&] {
+        writingThread = std::this_thread::get_id();
+        pool.write([](Connection& connection) { connection.cachedStatement("DELETE FROM tracked")->execute(); });
+    }).join();
+    EXPECT_EQ(seenRows, (std::vector<std::string>{"2", "3", "0"}));
+    EXPECT_EQ(handlerThread, writingThread);
+    EXPECT_EQ(failingCalls, 3);
+    EXPECT_EQ(errors.size(), 1U);
+
+    observation.reset();
+    failing.reset();
+    pool.write([](Connection& connection) { connection.execute("INSERT INTO tracked (v) VALUES (8)"); });
+    EXPECT_EQ(seenRows.size(), 3U);
+    EXPECT_EQ(failingCalls, 3);
+
+    // A handle may outlive its pool.
+    auto orphan = std::make_unique<DatabasePool>(directory / "other.sqlite", writable());
+    auto orphanObservation = orphan->observe({"tracked"}, [] {}, {});
+    orphan.reset();
+    orphanObservation.reset();
+}
+
+TEST_F(DatabasePoolTest, StatementsCacheBindAndReadJoinedRowsByScope) {
+    DatabasePool pool(path, writable());
+    pool.write([](Connection& connection) {
+        connection.execute(
+            "CREATE TABLE parent (id INTEGER PRIMARY KEY, name TEXT);"
+            "CREATE TABLE child (id INTEGER PRIMARY KEY, parentId INTEGER, name TEXT, data BLOB);"
+            "INSERT INTO parent VALUES (1, 'p1'), (2, 'p2')");
+        auto insert = connection.cachedStatement("INSERT INTO child VALUES (10, 1, ?, ?)");
+        insert->bind(1, std::string_view("c1"));
+        insert->bind(2, std::span<const std::uint8_t>());
+        insert->execute();
+        EXPECT_TRUE(connection.tableExists("PARENT"));
+        EXPECT_FALSE(connection.tableExists("par"));
+
+        auto secret = connection.cachedStatement("INSERT INTO parent (id, name) VALUES (?, ?)");
+        secret->bind(1, std::int64_t{1});
+        secret->bind(2, std::string_view("secret-value"));
+        auto duplicate = caught<DatabaseError>([&] { secret->execute(); });
+        ASSERT_TRUE(duplicate);
+        EXPECT_EQ(duplicate->extendedResultCode(), SQLITE_CONSTRAINT_PRIMARYKEY);
+        EXPECT_EQ(duplicate->sql(), "INSERT INTO parent (id, name) VALUES (?, ?)");
+        EXPECT_EQ(std::string(duplicate->what()).find("secret-value"), std::string::npos);
+    });
+
+    pool.read([](Connection& connection) {
+        const std::string sql =
+            "SELECT parent.*, child.* FROM parent LEFT JOIN child ON child.parentId = parent.id ORDER BY parent.id";
+        auto outer = connection.cachedStatement(sql);
+        ASSERT_TRUE(outer->step());
+        Row row = outer->row();
+        EXPECT_EQ(row.count(), 2);
+        EXPECT_EQ(row.text(row.index("NAME")), "p1");
+        auto button = row.scope("child");
+        ASSERT_TRUE(button);
+        EXPECT_EQ(button->count(), 4);
+        EXPECT_EQ(button->text(button->index("name")), "c1");
+        const int data = button->index("data");
+        EXPECT_EQ(button->type(data), ColumnType::blob);  // an empty blob is not NULL
+        EXPECT_TRUE(button->blob(data).empty());
+        EXPECT_FALSE(button->allNull());
+        EXPECT_FALSE(row.scope("missing"));
+        {
+            // The same SQL while the cached statement is in use runs independently.
+            auto inner = connection.cachedStatement(sql);
+            ASSERT_TRUE(inner->step());
+            ASSERT_TRUE(inner->step());
+            EXPECT_EQ(inner->row().text(1), "p2");
+        }
+        EXPECT_EQ(outer->row().text(1), "p1");
+        ASSERT_TRUE(outer->step());
+        EXPECT_TRUE(outer->row().scope("child")->allNull());
+        EXPECT_FALSE(outer->step());
+    });
+    // A returned statement is reset: the next user starts from the first row.
+    pool.read([](Connection& connection) {
+        auto again = connection.cachedStatement("SELECT name FROM parent ORDER BY id");
+        ASSERT_TRUE(again->step());
+        EXPECT_EQ(again->row().text(0), "p1");
+    });
+    pool.read([](Connection& connection) {
+        auto again = connection.cachedStatement("SELECT name FROM parent ORDER BY id");
+        ASSERT_TRUE(again->step());
+        EXPECT_EQ(again->row().text(0), "p1");
+
+        auto parameterized = connection.makeStatement("SELECT name FROM parent WHERE id = ?");
+        auto outOfRange = caught<DatabaseError>([&] { parameterized->bind(2, std::int64_t{1}); });
+        ASSERT_TRUE(outOfRange);
+        EXPECT_EQ(outOfRange->resultCode(), SQLITE_RANGE);
+        auto syntax = caught<DatabaseError>([&] { connection.cachedStatement("SELEC name FROM parent"); });
+        ASSERT_TRUE(syntax);
+        EXPECT_EQ(syntax->resultCode(), SQLITE_ERROR);
+        EXPECT_EQ(syntax->sql(), "SELEC name FROM parent");
+        EXPECT_TRUE(caught<DatabaseError>([&] { connection.makeStatement("  -- nothing to run"); }));
+    });
+}
+
+}  // namespace
+}  // namespace notificationdb
