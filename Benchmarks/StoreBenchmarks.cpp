@@ -588,9 +588,18 @@ int main(int argc, char** argv) {
     // scheduled jobs are dropped instead of piling up.
     notificationdb::MainQueue::main().setScheduler([](auto /*deadline*/, auto /*job*/) {});
 
+    // Repetitions of all cases run in random order, so that a change in the machine's load during
+    // the run falls on both sides of a comparison alike. A flag given on the command line comes
+    // later and wins.
+    std::vector<char*> arguments(argv, argv + argc);
+    std::string interleaving = "--benchmark_enable_random_interleaving=true";
+    arguments.insert(arguments.begin() + (argc > 0 ? 1 : 0), interleaving.data());
+    int argumentCount = static_cast<int>(arguments.size());
+    arguments.push_back(nullptr);
+
     notificationdb::bench::registerStoreBenchmarks();
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    benchmark::Initialize(&argumentCount, arguments.data());
+    if (benchmark::ReportUnrecognizedArguments(argumentCount, arguments.data())) return 1;
     int status = 0;
     try {
         benchmark::RunSpecifiedBenchmarks();

@@ -17,6 +17,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace notificationdb {
@@ -100,11 +101,8 @@ TEST_F(DatabaseConfigTest, DatabaseURLIsTheNameBelowVantroDefaultDatabases) {
 }
 
 TEST_F(DatabaseConfigTest, ConstructionCreatesTheFolderOnlyWhenTheFileIsMissing) {
-    Configuration configuration = writable();
-    configuration.persistentReadOnlyConnections = true;
-    NotificationDatabaseConfig config(file, configuration);
+    NotificationDatabaseConfig config(file, writable());
     EXPECT_EQ(config.storageURL(), file);
-    EXPECT_TRUE(config.configuration().persistentReadOnlyConnections);
     EXPECT_TRUE(fs::is_directory(databases));
     EXPECT_FALSE(fs::exists(file));
 
@@ -171,7 +169,6 @@ TEST_F(DatabaseConfigTest, ReadyMadeConfigurationsAsAFreshProcessBuildsThem) {
     }
     EXPECT_EQ(report["default.persistentReaders"], "0");
     EXPECT_EQ(report["readOnly.persistentReaders"], "1");
-    EXPECT_EQ(report["sameObject"], "1");
     EXPECT_EQ(report["readOnlyStoreOnMissingFile"], std::to_string(SQLITE_CANTOPEN));
     EXPECT_EQ(report["defaultStore.file"], "1");
     EXPECT_EQ(report["defaultStore.count"], "0");
@@ -197,31 +194,27 @@ TEST_F(SchemaTest, TablesIndexAndForeignKeyAsAnotherClientSeesThem) {
     configure();
     RawDatabase raw(path);
     // cid, name, declared type, notnull, default, pk
-    EXPECT_EQ(raw.query("PRAGMA table_info(\"notification\")"), (Rows{
-                                                                     {"0", "id", "INTEGER", "0", "NULL", "1"},
-                                                                     {"1", "customerId", "TEXT", "0", "NULL", "0"},
-                                                                     {"2", "createdDate", "DATETIME", "1", "NULL", "0"},
-                                                                     {"3", "version", "TEXT", "1", "NULL", "0"},
-                                                                     {"4", "analyticsTag", "TEXT", "1", "NULL", "0"},
-                                                                     {"5", "title", "TEXT", "0", "NULL", "0"},
-                                                                     {"6", "body", "TEXT", "0", "NULL", "0"},
-                                                                     {"7", "bannerUrl", "TEXT", "0", "NULL", "0"},
-                                                                     {"8", "isMarketing", "BOOLEAN", "1", "NULL", "0"},
-                                                                     {"9", "appId", "INTEGER", "0", "NULL", "0"},
-                                                                     {"10", "status", "INTEGER", "1", "NULL", "0"},
-                                                                     {"11", "notificationKind", "INTEGER", "1", "NULL",
-                                                                      "0"},
-                                                                 }));
+    EXPECT_EQ(raw.query("PRAGMA table_info(\"notification\")"),
+              (Rows{{"0", "id", "INTEGER", "0", "NULL", "1"},
+                    {"1", "customerId", "TEXT", "0", "NULL", "0"},
+                    {"2", "createdDate", "DATETIME", "1", "NULL", "0"},
+                    {"3", "version", "TEXT", "1", "NULL", "0"},
+                    {"4", "analyticsTag", "TEXT", "1", "NULL", "0"},
+                    {"5", "title", "TEXT", "0", "NULL", "0"},
+                    {"6", "body", "TEXT", "0", "NULL", "0"},
+                    {"7", "bannerUrl", "TEXT", "0", "NULL", "0"},
+                    {"8", "isMarketing", "BOOLEAN", "1", "NULL", "0"},
+                    {"9", "appId", "INTEGER", "0", "NULL", "0"},
+                    {"10", "status", "INTEGER", "1", "NULL", "0"},
+                    {"11", "notificationKind", "INTEGER", "1", "NULL", "0"}}));
     EXPECT_EQ(raw.query("PRAGMA table_info(\"notificationButton\")"),
-              (Rows{
-                  {"0", "id", "INTEGER", "0", "NULL", "1"},
-                  {"1", "buttonId", "TEXT", "0", "NULL", "0"},
-                  {"2", "title", "TEXT", "0", "NULL", "0"},
-                  {"3", "visible", "BOOLEAN", "1", "NULL", "0"},
-                  {"4", "notificationId", "INTEGER", "0", "NULL", "0"},
-                  {"5", "actionKind", "INTEGER", "0", "NULL", "0"},
-                  {"6", "userAction", "BLOB", "0", "NULL", "0"},
-              }));
+              (Rows{{"0", "id", "INTEGER", "0", "NULL", "1"},
+                    {"1", "buttonId", "TEXT", "0", "NULL", "0"},
+                    {"2", "title", "TEXT", "0", "NULL", "0"},
+                    {"3", "visible", "BOOLEAN", "1", "NULL", "0"},
+                    {"4", "notificationId", "INTEGER", "0", "NULL", "0"},
+                    {"5", "actionKind", "INTEGER", "0", "NULL", "0"},
+                    {"6", "userAction", "BLOB", "0", "NULL", "0"}}));
     // Ordinary rowid tables in the main schema, neither WITHOUT ROWID nor STRICT.
     EXPECT_EQ(raw.query("SELECT name, type, wr, strict FROM pragma_table_list "
                         "WHERE schema = 'main' AND name LIKE 'notification%' ORDER BY name"),
@@ -312,80 +305,62 @@ TEST_F(SchemaTest, AFailingStepCreatesNeitherTable) {
 TEST_F(SchemaTest, ConstraintsHoldOnTheLibrarysConnections) {
     configure();
     DatabasePool pool(path, writable());
-    const std::vector<std::string> columns = {"customerId", "createdDate", "version", "analyticsTag",
-                                              "title",      "body",        "bannerUrl", "isMarketing",
-                                              "appId",      "status",      "notificationKind"};
-    const std::vector<bool> required = {false, true, true, true, false, false, false, true, false, true, true};
-    // Inserts a notification with NULL in the columns `nulls` names; returns the new id.
-    auto insert = [&](const std::vector<bool>& nulls) {
+    auto run = [&](const std::string& sql) {
         return pool.write([&](Connection& connection) {
-            std::string sql = "INSERT INTO notification (";
-            for (std::size_t i = 0; i < columns.size(); ++i) sql += (i ? ", \"" : "\"") + columns[i] + "\"";
-            sql += ") VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)";
-            auto statement = connection.makeStatement(sql);
-            for (int i = 0; i < static_cast<int>(columns.size()); ++i) {
-                if (nulls[i]) {
-                    statement->bindNull(i + 1);
-                } else if (columns[i] == "createdDate") {
-                    statement->bind(i + 1, std::string_view("2024-03-05 17:04:09.250"));
-                } else {
-                    statement->bind(i + 1, std::int64_t{1});
-                }
-            }
-            statement->execute();
+            connection.execute(sql);
             return connection.lastInsertedRowID();
         });
     };
-    for (std::size_t column = 0; column < columns.size(); ++column) {
-        std::vector<bool> nulls(columns.size(), false);
-        nulls[column] = true;
-        if (!required[column]) continue;
-        auto error = caught<DatabaseError>([&] { insert(nulls); });
-        ASSERT_TRUE(error) << columns[column];
-        EXPECT_EQ(error->extendedResultCode(), SQLITE_CONSTRAINT_NOTNULL) << columns[column];
+    // Column, a value, and whether NULL is refused there.
+    const std::vector<std::tuple<std::string, std::string, bool>> columns = {
+        {"customerId", "'c'", false}, {"createdDate", "'2024-03-05 17:04:09.250'", true},
+        {"version", "'1.0'", true},   {"analyticsTag", "'tag'", true},
+        {"title", "'t'", false},      {"body", "'b'", false},
+        {"bannerUrl", "'u'", false},  {"isMarketing", "0", true},
+        {"appId", "7", false},        {"status", "0", true},
+        {"notificationKind", "1", true}};
+    // An INSERT with NULL in the column `nullColumn` names, or in every optional one ("optional").
+    auto insert = [&](const std::string& nullColumn) {
+        std::string names;
+        std::string values;
+        for (const auto& [name, value, required] : columns) {
+            names += (names.empty() ? "\"" : ", \"") + name + "\"";
+            const bool null = name == nullColumn || (nullColumn == "optional" && !required);
+            values += (values.empty() ? "" : ", ") + (null ? std::string("NULL") : value);
+        }
+        return run("INSERT INTO notification (" + names + ") VALUES (" + values + ")");
+    };
+    for (const auto& [name, value, required] : columns) {
+        if (!required) continue;
+        auto error = caught<DatabaseError>([&] { insert(name); });
+        ASSERT_TRUE(error) << name;
+        EXPECT_EQ(error->extendedResultCode(), SQLITE_CONSTRAINT_NOTNULL) << name;
     }
-    std::vector<bool> optionalNulls(required.size());
-    for (std::size_t i = 0; i < required.size(); ++i) optionalNulls[i] = !required[i];
-    const std::int64_t first = insert(optionalNulls);
-    const std::int64_t second = insert(std::vector<bool>(columns.size(), false));
-    const std::int64_t third = insert(std::vector<bool>(columns.size(), false));
+    const std::string first = std::to_string(insert("optional"));
+    const std::string second = std::to_string(insert(""));
+    const std::int64_t third = insert("");
 
-    auto button = [&](const std::string& notificationId) {
-        pool.write([&](Connection& connection) {
-            connection.execute("INSERT INTO notificationButton (visible, notificationId) VALUES (1, " + notificationId +
-                               ")");
-        });
+    auto button = [&](const std::string& owner) {
+        run("INSERT INTO notificationButton (visible, notificationId) VALUES (1, " + owner + ")");
     };
     auto orphan = caught<DatabaseError>([&] { button("999"); });
     ASSERT_TRUE(orphan);
     EXPECT_EQ(orphan->extendedResultCode(), SQLITE_CONSTRAINT_FOREIGNKEY);
-    button(std::to_string(first));
-    button(std::to_string(first));
-    button(std::to_string(second));
-    button("NULL");
-
-    RawDatabase raw(path);
-    auto buttonOwners = [&] { return raw.query("SELECT notificationId FROM notificationButton ORDER BY id"); };
+    for (const auto& owner : {first, first, second, std::string("NULL")}) button(owner);
     // No action on update: a referenced id cannot change under its buttons.
-    auto renumbered = caught<DatabaseError>([&] {
-        pool.write([&](Connection& connection) {
-            connection.execute("UPDATE notification SET id = 100 WHERE id = " + std::to_string(second));
-        });
-    });
+    auto renumbered = caught<DatabaseError>([&] { run("UPDATE notification SET id = 100 WHERE id = " + second); });
     ASSERT_TRUE(renumbered);
     EXPECT_EQ(renumbered->extendedResultCode(), SQLITE_CONSTRAINT_FOREIGNKEY);
 
-    pool.write([&](Connection& connection) {
-        connection.execute("DELETE FROM notification WHERE id = " + std::to_string(first));
-    });
-    EXPECT_EQ(buttonOwners(), (Rows{{std::to_string(second)}, {"NULL"}}));
-    pool.write([&](Connection& connection) {
-        connection.execute("DELETE FROM notification WHERE id = " + std::to_string(third));
-    });
-    const std::int64_t next = insert(std::vector<bool>(columns.size(), false));
+    RawDatabase raw(path);
+    auto owners = [&] { return raw.query("SELECT notificationId FROM notificationButton ORDER BY id"); };
+    run("DELETE FROM notification WHERE id = " + first);
+    EXPECT_EQ(owners(), (Rows{{second}, {"NULL"}}));
+    run("DELETE FROM notification WHERE id = " + std::to_string(third));
+    const std::int64_t next = insert("");
     EXPECT_GT(next, third) << "the id of the deleted highest row was handed out again";
-    pool.write([](Connection& connection) { connection.execute("DELETE FROM notification"); });
-    EXPECT_EQ(buttonOwners(), (Rows{{"NULL"}}));
+    run("DELETE FROM notification");
+    EXPECT_EQ(owners(), (Rows{{"NULL"}}));
     EXPECT_EQ(raw.scalar("SELECT seq FROM sqlite_sequence WHERE name = 'notification'"), std::to_string(next));
 }
 

@@ -240,12 +240,20 @@ TEST_F(StoreLifecycleTest, NoticeIsDueOneSecondAfterTheCommitAndOutlivesTheStore
     EXPECT_TRUE(entries[0].loggerPath.ends_with("notifications-database")) << entries[0].loggerPath;
     EXPECT_EQ(entries[0].message, "Database observation error: main queue unavailable");
 
+    // A failed observation is not restarted: the store goes on working without notices.
     store->save(makeInfo(3));
-    std::weak_ptr<NotificationDatabaseImpl> weak = store;
+    EXPECT_EQ(store->notificationsCount(), 3);
+    EXPECT_EQ(MainQueue::main().pendingCount(), 0U);
+    EXPECT_EQ(capture.entries().size(), 1U);
+
+    auto another = NotificationDatabaseImpl::create(config());
+    another->save(makeInfo(4));
+    std::weak_ptr<NotificationDatabaseImpl> weak = another;
     store.reset();
+    another.reset();
     EXPECT_TRUE(weak.expired());
-    // Every connection closed: the last one to go folded the write-ahead log back in.
-    EXPECT_FALSE(fs::exists(file.string() + "-wal"));
+    // Leaving WAL mode needs the file to itself: every connection of the stores is closed.
+    EXPECT_EQ(RawDatabase(file).scalar("PRAGMA journal_mode = DELETE"), "delete");
     EXPECT_EQ(postsAfterDraining(), 1U);
 }
 

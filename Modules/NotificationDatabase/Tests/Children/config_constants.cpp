@@ -37,8 +37,6 @@ int main() {
               << "afterDefault.file " << std::filesystem::exists(file) << '\n';
     describe("default", writable);
     describe("readOnly", NotificationDatabaseConfig::readOnly());
-    std::cout << "sameObject " << (&NotificationDatabaseConfig::readOnly() == &NotificationDatabaseConfig::readOnly())
-              << '\n';
 
     try {
         NotificationDatabaseImpl::create(NotificationDatabaseConfig::readOnly());

@@ -104,12 +104,21 @@ struct DatabasePool::Shared {
         for (const auto& observer : targets) {
             try {
                 if (observer->onChange) observer->onChange();
+                continue;
             } catch (const std::exception& error) {
+                endObservation(observer);
                 if (observer->onError) observer->onError(error);
             } catch (...) {
+                endObservation(observer);
                 if (observer->onError) observer->onError(std::runtime_error("unknown error in change handler"));
             }
         }
+    }
+
+    // A failed observation is over: it reports its error once and is not restarted.
+    void endObservation(const std::shared_ptr<Observer>& observer) {
+        std::lock_guard lock(observersMutex);
+        std::erase_if(observers, [&](const auto& entry) { return entry.second == observer; });
     }
 
     std::unique_ptr<Connection> acquireReader() {

@@ -61,8 +61,9 @@ public:
     // Calls `onChange` after every committed write transaction that inserted, updated or
     // deleted at least one row of one of `tables` (an unconditional DELETE included), on the
     // writing thread, right after the commit and before the next write starts. Rolled-back
-    // transactions and changes to other tables call nothing. When `onChange` throws,
-    // `onError` receives the exception. Handlers must not use the pool's write access.
+    // transactions and changes to other tables call nothing. When `onChange` throws, the
+    // observation ends and `onError` receives the exception. Handlers must not use the pool's
+    // write access.
     std::unique_ptr<DatabaseObservation> observe(std::vector<std::string> tables,
                                                  ChangeHandler onChange, ErrorHandler onError);
 
