@@ -2,7 +2,9 @@
 
 #include <NotificationDatabase/NotificationDatabase.hpp>
 
+#include <fcntl.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <map>
@@ -220,6 +222,12 @@ WorkingCopy::WorkingCopy(Spread spread, int rowCount) {
     const std::filesystem::path& source = preparedFile(spread, rowCount);
     path_ = workspace() / ("work-" + std::to_string(++counter) + ".sqlite");
     std::filesystem::copy_file(source, path_, std::filesystem::copy_options::overwrite_existing);
+    // The copy goes to disk now rather than in the background while a case is being timed.
+    const int descriptor = ::open(path_.c_str(), O_RDONLY);
+    if (descriptor >= 0) {
+        ::fsync(descriptor);
+        ::close(descriptor);
+    }
 }
 
 WorkingCopy::~WorkingCopy() {

@@ -23,11 +23,13 @@
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <exception>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -116,11 +118,75 @@ std::string inCondition(const std::vector<std::int64_t>& ids) {
     return "\"id\" IN (SELECT value FROM json_each('" + idList(ids) + "'))";
 }
 
-// --- measuring ------------------------------------------------------------------------------
+// --- checks -------------------------------------------------------------------------------
 
 void expect(bool condition, const std::string& what) {
     if (!condition) throw std::runtime_error("unexpected state: " + what);
 }
+
+
+// The text of everything a fetch returned, so that the two sides can be compared.
+std::string describeRows(const std::vector<NotificationModelInfo>& rows) {
+    std::string text;
+    for (const NotificationModelInfo& info : rows) {
+        const NotificationModel& n = info.notification;
+        text += std::to_string(n.id().value_or(-1)) + '|' + n.customerId().value_or("-") + '|' +
+                std::to_string(n.createdDate.time_since_epoch().count()) + '|' + n.version + '|' + n.analyticsTag +
+                '|' + n.title.value_or("-") + '|' + n.body.value_or("-") + '|' + n.bannerUrl.value_or("-") + '|' +
+                std::to_string(n.isMarketing) + '|' + std::to_string(n.appId.value_or(-1)) + '|' +
+                std::to_string(rawValue(n.status)) + '|' + std::to_string(rawValue(n.notificationKind));
+        if (const auto& b = info.actionButton) {
+            text += '|' + std::to_string(b->id().value_or(-1)) + '|' + b->buttonId.value_or("-") + '|' +
+                    b->title.value_or("-") + '|' + std::to_string(b->visible) + '|' +
+                    std::to_string(b->notificationId.value_or(-1)) + '|' +
+                    std::to_string(b->actionKind ? rawValue(*b->actionKind) : -1) + '|' +
+                    std::string(b->userAction ? b->userAction->begin() : Bytes().begin(),
+                                b->userAction ? b->userAction->end() : Bytes().end());
+        }
+        text += '\n';
+    }
+    return text;
+}
+
+std::string describeRows(const std::vector<RawInfo>& rows) {
+    std::string text;
+    for (const RawInfo& info : rows) {
+        const RawNotification& n = info.notification;
+        text += std::to_string(n.id.value_or(-1)) + '|' + n.customerId.value_or("-") + '|' +
+                std::to_string(n.createdDate.time_since_epoch().count()) + '|' + n.version + '|' + n.analyticsTag +
+                '|' + n.title.value_or("-") + '|' + n.body.value_or("-") + '|' + n.bannerUrl.value_or("-") + '|' +
+                std::to_string(n.isMarketing) + '|' + std::to_string(n.appId.value_or(-1)) + '|' +
+                std::to_string(n.status) + '|' + std::to_string(n.notificationKind);
+        if (const auto& b = info.button) {
+            text += '|' + std::to_string(b->id.value_or(-1)) + '|' + b->buttonId.value_or("-") + '|' +
+                    b->title.value_or("-") + '|' + std::to_string(b->visible) + '|' +
+                    std::to_string(b->notificationId.value_or(-1)) + '|' + std::to_string(b->actionKind.value_or(-1)) +
+                    '|' +
+                    std::string(b->userAction ? b->userAction->begin() : Bytes().begin(),
+                                b->userAction ? b->userAction->end() : Bytes().end());
+        }
+        text += '\n';
+    }
+    return text;
+}
+
+// Whichever side of a case reads first leaves its result here; the other must read the same.
+// Rows with equal dates may come in either order, so the lines are compared sorted.
+void expectSameRows(const std::string& key, std::string rows) {
+    static std::map<std::string, std::string> seen;
+    std::vector<std::string> lines;
+    std::size_t start = 0;
+    for (std::size_t end; (end = rows.find('\n', start)) != std::string::npos; start = end + 1) {
+        lines.push_back(rows.substr(start, end - start));
+    }
+    std::sort(lines.begin(), lines.end());
+    std::string sorted;
+    for (const std::string& line : lines) sorted += line + '\n';
+    const auto [entry, first] = seen.emplace(key, sorted);
+    expect(first || entry->second == sorted, key + ": library and baseline read different rows");
+}
+
+// --- measuring ------------------------------------------------------------------------------
 
 void expectCount(Maintenance& maintenance, std::int64_t expected, const std::string& what) {
     const std::int64_t actual = maintenance.count();
@@ -244,8 +310,9 @@ std::vector<Case> cases() {
                        [rows](benchmark::State& state) {
                            WorkingCopy file(Spread::twentyCustomers, rows);
                            auto store = openLibraryStore(file.path());
-                           expect(store->fetchNotifications(std::nullopt).size() == static_cast<std::size_t>(rows),
-                                  "fetch size");
+                           const auto all = store->fetchNotifications(std::nullopt);
+                           expect(all.size() == static_cast<std::size_t>(rows), "fetch size");
+                           expectSameRows("fetch_all/" + std::to_string(rows), describeRows(all));
                            measure(state, [&] {
                                auto result = store->fetchNotifications(std::nullopt);
                                benchmark::DoNotOptimize(result.data());
@@ -254,8 +321,9 @@ std::vector<Case> cases() {
                        [rows](benchmark::State& state) {
                            WorkingCopy file(Spread::twentyCustomers, rows);
                            RawStore store(file.path());
-                           expect(store.fetchNotifications(std::nullopt).size() == static_cast<std::size_t>(rows),
-                                  "fetch size");
+                           const auto all = store.fetchNotifications(std::nullopt);
+                           expect(all.size() == static_cast<std::size_t>(rows), "fetch size");
+                           expectSameRows("fetch_all/" + std::to_string(rows), describeRows(all));
                            measure(state, [&] {
                                auto result = store.fetchNotifications(std::nullopt);
                                benchmark::DoNotOptimize(result.data());
@@ -268,7 +336,9 @@ std::vector<Case> cases() {
                        WorkingCopy file(Spread::twentyCustomers, kLarge);
                        auto store = openLibraryStore(file.path());
                        const std::optional<NotificationIDs> ids = toIDSet(tenIDs());
-                       expect(store->fetchNotifications(ids).size() == 10, "fetch by ids");
+                       const auto found = store->fetchNotifications(ids);
+                       expect(found.size() == 10, "fetch by ids");
+                       expectSameRows("fetch_10_ids", describeRows(found));
                        measure(state, [&] {
                            auto result = store->fetchNotifications(ids);
                            benchmark::DoNotOptimize(result.data());
@@ -278,7 +348,9 @@ std::vector<Case> cases() {
                        WorkingCopy file(Spread::twentyCustomers, kLarge);
                        RawStore store(file.path());
                        const std::optional<std::vector<std::int64_t>> ids = tenIDs();
-                       expect(store.fetchNotifications(ids).size() == 10, "fetch by ids");
+                       const auto found = store.fetchNotifications(ids);
+                       expect(found.size() == 10, "fetch by ids");
+                       expectSameRows("fetch_10_ids", describeRows(found));
                        measure(state, [&] {
                            auto result = store.fetchNotifications(ids);
                            benchmark::DoNotOptimize(result.data());

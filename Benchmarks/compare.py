@@ -57,6 +57,8 @@ def collect(benchmarks):
         slot = runs.setdefault(case, {}).setdefault(
             side, {"iterations": [], "median": None, "cv": None, "label": None, "error": None}
         )
+        order = entry.get("family_index", len(runs))
+        runs[case]["order"] = min(runs[case].get("order", order), order)
         if entry.get("error_occurred"):
             slot["error"] = entry.get("error_message") or "error"
             continue
@@ -76,7 +78,9 @@ def collect(benchmarks):
             slot["iterations"].append((entry["real_time"] * scale, entry["cpu_time"] * scale, entry))
 
     for sides in runs.values():
-        for slot in sides.values():
+        for side, slot in sides.items():
+            if side not in SIDES:
+                continue
             if slot["median"] is None and slot["iterations"]:
                 slot["median"] = statistics.median(real for real, _, _ in slot["iterations"])
                 slot["cpu_median"] = statistics.median(cpu for _, cpu, _ in slot["iterations"])
@@ -146,12 +150,13 @@ def main(argv):
 
     rows = []
     missed = []
-    for case, sides in runs.items():
+    # Cases in the order the binary registers them (its repetitions may run interleaved).
+    for case, sides in sorted(runs.items(), key=lambda item: item[1]["order"]):
         library, baseline = sides.get("Library"), sides.get("Baseline")
         label = (library or {}).get("label") or (baseline or {}).get("label")
         access = access_of(case, label)
         target = TARGETS[access]
-        errors = [side for side, slot in sides.items() if slot.get("error")]
+        errors = [side for side in SIDES if (sides.get(side) or {}).get("error")]
         if errors or not library or not baseline or not library["median"] or not baseline["median"]:
             verdict = "error in " + ", ".join(errors) if errors else "incomplete"
             rows.append([case, format_time((library or {}).get("median")), format_time((baseline or {}).get("median")),

@@ -134,8 +134,8 @@ NotificationModelInfo writerNotification(int writer, int j, const std::string& p
     const bool shared = j % 10 == 0;
     NotificationModel notification(
         std::nullopt, shared ? std::optional<std::string>(prefix + "shared") : prefix + "c" + std::to_string(writer),
-        std::chrono::system_clock::now(), shared ? prefix + "shared-" + std::to_string(j) : title, "tag", title,
-        "body", std::nullopt, false, std::optional<std::int64_t>(j), NotificationStatus::new_,
+        std::chrono::system_clock::now(), shared ? prefix + "shared-" + std::to_string(j) : title, "tag", title, "body",
+        std::nullopt, false, std::optional<std::int64_t>(j), NotificationStatus::new_,
         shared ? NotificationKind::newApp : kKinds[j % 5]);
     std::optional<NotificationButton> button;
     if (j % 3 != 0) {
@@ -275,7 +275,7 @@ TEST(Concurrency, MixedOperationsFromManyThreadsLeaveConsistentTables) {
     auto store = NotificationDatabaseImpl::create(NotificationDatabaseConfig(path, writerConfiguration()));
     auto updaterStore = std::static_pointer_cast<NotificationDatabaseProtocol>(store);
 
-    const int batches = scaled(60);
+    const int batches = scaled(200);
     const int batchSize = 10;
     std::atomic<bool> stop{false};
     std::atomic<long> reads{0};
@@ -296,20 +296,21 @@ TEST(Concurrency, MixedOperationsFromManyThreadsLeaveConsistentTables) {
     std::thread changer([&] {
         NotificationUpdaterImpl updater(updaterStore);
         int round = 0;
-        while (!stop.load()) {
+        do {
             NotificationIDs ids;
             for (const auto& info : store->fetchNotifications(std::nullopt)) {
-                if (info.notification.id() && *info.notification.id() % 2 == round % 2) ids.insert(*info.notification.id());
+                if (info.notification.id() && *info.notification.id() % 2 == round % 2)
+                    ids.insert(*info.notification.id());
             }
             updater.updateStatus(ids, round % 3 == 0 ? NotificationStatus::read : NotificationStatus::shown);
             updater.updateButtonVisibility(ids, round % 2 == 0);
             changes.fetch_add(1);
             ++round;
-        }
+        } while (!stop.load());
     });
     std::thread deleter([&] {
         int round = 0;
-        while (!stop.load()) {
+        do {
             NotificationModelInfoSet victims;
             for (const auto& info : store->fetchNotifications(std::nullopt)) {
                 if (info.notification.id() && *info.notification.id() % 7 == round % 7) victims.insert(info);
@@ -318,12 +319,12 @@ TEST(Concurrency, MixedOperationsFromManyThreadsLeaveConsistentTables) {
             if (round % 5 == 4) store->deleteAllNotifications(NotificationKind::ai);
             changes.fetch_add(1);
             ++round;
-        }
+        } while (!stop.load());
     });
     std::vector<std::thread> readerThreads;
     for (int r = 0; r < 2; ++r) {
         readerThreads.emplace_back([&, r] {
-            while (!stop.load()) {
+            do {
                 checkList(store->fetchNotifications(std::nullopt), violations);
                 // A failing existence question answers true here, which a stored vantro
                 // version cannot be mistaken for: no notification has this version.
@@ -331,7 +332,7 @@ TEST(Concurrency, MixedOperationsFromManyThreadsLeaveConsistentTables) {
                 (void)store->containsNotification(NotificationKind::newApp, "mshared", std::nullopt,
                                                   "mshared-" + std::to_string(r * 10));
                 reads.fetch_add(3);
-            }
+            } while (!stop.load());
         });
     }
 

@@ -58,11 +58,15 @@ std::unique_ptr<TemporaryDirectory> makeStressDirectory() {
     return std::make_unique<TemporaryDirectory>();
 }
 
-bool startsWith(const std::string& text, const std::string& prefix) { return text.rfind(prefix, 0) == 0; }
+bool startsWith(const std::string& text, const std::string& prefix) {
+    return text.rfind(prefix, 0) == 0;
+}
 
 // Drops the change notices of the stores opened here; restores the main queue when it goes.
 struct DroppedNotices {
-    DroppedNotices() { MainQueue::main().setScheduler([](auto, auto) {}); }
+    DroppedNotices() {
+        MainQueue::main().setScheduler([](auto, auto) {});
+    }
     ~DroppedNotices() { MainQueue::main().setScheduler({}); }
     DroppedNotices(const DroppedNotices&) = delete;
     DroppedNotices& operator=(const DroppedNotices&) = delete;

@@ -50,8 +50,7 @@ NotificationModelInfo makeNotification(const std::string& key, long n, std::chro
     constexpr NotificationKind kinds[] = {NotificationKind::newApp, NotificationKind::appUpdate,
                                           NotificationKind::vantroUpdate, NotificationKind::ai};
     NotificationModel notification(std::nullopt, "customer-" + key, created, key, "tag", key, "body " + key,
-                                   "https://example.com/" + key, n % 2 == 0, n, NotificationStatus::new_,
-                                   kinds[n % 4]);
+                                   "https://example.com/" + key, n % 2 == 0, n, NotificationStatus::new_, kinds[n % 4]);
     NotificationButton button(std::nullopt, key, "Open", true, std::nullopt, UserActionKind::openApp,
                               Bytes(static_cast<std::size_t>(n % 64), 0x5a));
     return {std::move(notification), std::move(button)};

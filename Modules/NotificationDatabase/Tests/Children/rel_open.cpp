@@ -3,11 +3,13 @@
 //   ndb_child_rel_open <database> <writer|reader> [uid]
 //
 // With a uid and when started as root, first drops to that user (and its group of the same
-// number), so that file permissions apply as they do to an ordinary user. Then creates a store
+// number), so that file permissions apply as they do to an ordinary user ("cannot drop
+// privileges" and exit status 4 when that is refused). Then creates a store
 // with the writer configuration (read-write, waiting up to 2.0 s) or the reader configuration
 // (read-only, waiting up to 2.0 s, reader connections kept open).
 //
-// Output: "open-failed <result code> <code name>" when creation throws a database error
+// Output: "unreachable" (exit status 5) when the file cannot be read at all, else
+// "open-failed <result code> <code name>" when creation throws a database error
 // ("open-failed other <what>" for another exception), else "opened", then "count <n>" and
 // "listed <n>" from the store, then, for a writer, tries to save one notification and prints
 // "count <n>" again. Last, one "log <message>" per message logged at error level, and "done".
@@ -41,6 +43,10 @@ int main(int argc, char** argv) {
             return 4;
         }
     }
+    if (::access(database.c_str(), R_OK) != 0) {
+        std::cout << "unreachable" << std::endl;
+        return 5;
+    }
 
     auto capture = std::make_shared<CapturingLogDestination>();
     Logger::module()->setDestinations({capture});
@@ -55,7 +61,8 @@ int main(int argc, char** argv) {
         store = NotificationDatabaseImpl::create(NotificationDatabaseConfig(database, configuration));
         std::cout << "opened\n";
     } catch (const DatabaseError& error) {
-        std::cout << "open-failed " << error.resultCode() << ' ' << DatabaseError::codeName(error.extendedResultCode()) << '\n';
+        std::cout << "open-failed " << error.resultCode() << ' ' << DatabaseError::codeName(error.extendedResultCode())
+                  << '\n';
     } catch (const std::exception& error) {
         std::cout << "open-failed other " << error.what() << '\n';
     }

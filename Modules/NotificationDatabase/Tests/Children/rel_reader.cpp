@@ -102,7 +102,8 @@ int main(int argc, char** argv) {
 
     std::cout << "reads " << reads << '\n' << "final " << seen << '\n';
     for (const auto& entry : capture->entries()) {
-        if (entry.level >= LogLevel::error) std::cout << "failure " << entry.loggerPath << ": " << entry.message << '\n';
+        if (entry.level >= LogLevel::error)
+            std::cout << "failure " << entry.loggerPath << ": " << entry.message << '\n';
     }
     std::cout << "done" << std::endl;
     store.reset();

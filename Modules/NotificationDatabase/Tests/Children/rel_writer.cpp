@@ -5,7 +5,8 @@
 // Opens a store on <database> with the writer configuration (read-write, waiting up to 2.0 s
 // on a lock), prints "ready", waits until <go file> exists and then saves <count>
 // notifications, one save each. With "open-after-go" the store is opened only after the go
-// file appears, so that several writers set up a new file at the same moment.
+// file appears, so that several writers set up a new file at the same moment; a failed
+// creation is tried again (up to 100 times, 10 ms apart).
 //
 // Notification j of writer w has the title "w<w>-<j>". Every tenth (j % 10 == 0) carries the
 // content key that all writers share for that j: customer "shared", kind newApp, version
@@ -13,8 +14,8 @@
 // Every notification with j % 3 != 0 has a button whose buttonId repeats the title.
 //
 // Output, once done: "notices <n>" (change notices the store scheduled), one
-// "failure <logger>: <message>" per message logged at error level, "done <count>". A store that
-// cannot be opened prints "open-failed <error>" and exits with 3.
+// "failure <logger>: <message>" per message logged at error level, "done <count>". Each failed
+// creation prints "open-failed <error>"; a store that cannot be opened at all exits with 3.
 
 #include <NotificationDatabase/Database/DatabaseError.hpp>
 #include <NotificationDatabase/NotificationDatabase.hpp>
@@ -42,16 +43,16 @@ constexpr NotificationKind kKinds[] = {NotificationKind::default_, NotificationK
 NotificationModelInfo makeNotification(int writer, int j) {
     const std::string title = "w" + std::to_string(writer) + "-" + std::to_string(j);
     const bool shared = j % 10 == 0;
-    NotificationModel notification(
-        std::nullopt, shared ? std::optional<std::string>("shared") : "c" + std::to_string(writer),
-        std::chrono::system_clock::now(), shared ? "shared-" + std::to_string(j) : title, "tag", title,
-        "body of " + title, std::nullopt, j % 2 == 0,
-        shared || j % 4 != 1 ? std::optional<std::int64_t>(j) : std::nullopt, NotificationStatus::new_,
-        shared ? NotificationKind::newApp : kKinds[j % 5]);
+    NotificationModel notification(std::nullopt,
+                                   shared ? std::optional<std::string>("shared") : "c" + std::to_string(writer),
+                                   std::chrono::system_clock::now(), shared ? "shared-" + std::to_string(j) : title,
+                                   "tag", title, "body of " + title, std::nullopt, j % 2 == 0,
+                                   shared || j % 4 != 1 ? std::optional<std::int64_t>(j) : std::nullopt,
+                                   NotificationStatus::new_, shared ? NotificationKind::newApp : kKinds[j % 5]);
     std::optional<NotificationButton> button;
     if (j % 3 != 0) {
-        button = NotificationButton(std::nullopt, title, "Open", true, std::nullopt,
-                                    static_cast<UserActionKind>(j % 7), Bytes{0, 1, 0xff});
+        button = NotificationButton(std::nullopt, title, "Open", true, std::nullopt, static_cast<UserActionKind>(j % 7),
+                                    Bytes{0, 1, 0xff});
     }
     return {std::move(notification), std::move(button)};
 }
@@ -95,14 +96,21 @@ int main(int argc, char** argv) {
     if (!openAfterGo && !open()) return 3;
     std::cout << "ready" << std::endl;
     waitForFile(goFile);
-    if (openAfterGo && !open()) return 3;
+    if (openAfterGo) {
+        // Creation may fail while another process sets up the new file; like a host, try again.
+        for (int attempt = 1; !open(); ++attempt) {
+            if (attempt == 100) return 3;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    }
 
     for (int j = 0; j < count; ++j) store->save(makeNotification(writer, j));
     store.reset();
 
     std::cout << "notices " << notices.load() << '\n';
     for (const auto& entry : capture->entries()) {
-        if (entry.level >= LogLevel::error) std::cout << "failure " << entry.loggerPath << ": " << entry.message << '\n';
+        if (entry.level >= LogLevel::error)
+            std::cout << "failure " << entry.loggerPath << ": " << entry.message << '\n';
     }
     std::cout << "done " << count << std::endl;
     MainQueue::main().setScheduler({});
