@@ -5,6 +5,8 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <chrono>
+#include <thread>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -20,6 +22,23 @@ bool sameName(std::string_view lhs, std::string_view rhs) noexcept {
 }
 
 constexpr std::size_t kMaximumTrackedTables = 64;
+
+// Switching a new file to WAL needs a lock that SQLite does not wait for (it answers BUSY at
+// once rather than risk a deadlock), so two processes creating the same file can collide here.
+// Retry within the configured busy time-out.
+void enableWAL(Connection& writer, const BusyMode& busyMode) {
+    const auto deadline = std::chrono::steady_clock::now() +
+                          std::chrono::duration<double>(busyMode.kind() == BusyMode::Kind::timeout ? busyMode.seconds() : 0);
+    for (;;) {
+        try {
+            writer.execute("PRAGMA journal_mode = WAL");
+            return;
+        } catch (const DatabaseError& error) {
+            if (error.resultCode() != SQLITE_BUSY || std::chrono::steady_clock::now() >= deadline) throw;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+}
 
 }  // namespace
 
@@ -161,7 +180,7 @@ DatabasePool::DatabasePool(const std::filesystem::path& path, Configuration conf
     const auto& config = shared_->configuration;
     shared_->writer = std::make_unique<Connection>(
         path, config.readOnly ? Connection::Mode::readOnly : Connection::Mode::readWriteCreate, config.busyMode);
-    if (!config.readOnly) shared_->writer->execute("PRAGMA journal_mode = WAL");
+    if (!config.readOnly) enableWAL(*shared_->writer, config.busyMode);
     sqlite3_update_hook(shared_->writer->handle(), &Shared::updateHook, shared_.get());
     sqlite3_set_authorizer(shared_->writer->handle(), &Shared::authorizer, shared_.get());
 }

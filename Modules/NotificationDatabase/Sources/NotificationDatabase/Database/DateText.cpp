@@ -43,6 +43,11 @@ std::optional<std::string> formatDateText(Timestamp instant) {
     // floor, not truncation toward zero: an instant before 1970 must not round up.
     const auto totalMilliseconds = std::chrono::floor<milliseconds>(instant.time_since_epoch()).count();
     if (totalMilliseconds < kEarliestMilliseconds || totalMilliseconds >= kLatestMilliseconds) return std::nullopt;
+    // The earliest instants floor to a millisecond that a time point cannot hold: such text
+    // could never be read back, so it is not written.
+    if (totalMilliseconds < std::chrono::ceil<milliseconds>(Timestamp::min().time_since_epoch()).count()) {
+        return std::nullopt;
+    }
     const auto sinceEpoch = milliseconds(totalMilliseconds);
     const auto day = std::chrono::floor<days>(sinceEpoch);
     const std::chrono::year_month_day date{std::chrono::sys_days(day)};

@@ -11,7 +11,8 @@ using Timestamp = std::chrono::system_clock::time_point;
 
 // The stored text form of a point in time: UTC, 23 characters, "2024-03-05 17:04:09.250".
 // Finer fractions are truncated toward the past; the process's time zone plays no part.
-// Years outside 0000...9999 cannot be written and give nullopt.
+// Years outside 0000...9999, and instants whose millisecond could not be read back into a
+// time point, cannot be written and give nullopt.
 std::optional<std::string> formatDateText(Timestamp instant);
 
 // Reads the stored text form and its shortened forms, all in UTC: "YYYY-MM-DD HH:MM:SS.SSS"
