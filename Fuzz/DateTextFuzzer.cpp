@@ -85,16 +85,13 @@ std::optional<Expected> expectedReading(std::string_view text) {
         const char c = text[i];
         switch (shape[i]) {
             case 'd':
-                if (c < '0' || c > '9')
-                    return std::nullopt;
+                if (c < '0' || c > '9') return std::nullopt;
                 break;
             case 'T':
-                if (c != ' ' && c != 'T')
-                    return std::nullopt;
+                if (c != ' ' && c != 'T') return std::nullopt;
                 break;
             default:
-                if (c != shape[i])
-                    return std::nullopt;
+                if (c != shape[i]) return std::nullopt;
         }
     }
     const auto number = [text](std::size_t position, std::size_t count) {
@@ -114,29 +111,22 @@ std::optional<Expected> expectedReading(std::string_view text) {
     for (std::size_t i = 20; i < 23; ++i) {
         millisecond = millisecond * 10 + (i < size ? text[i] - '0' : 0);
     }
-    if (month < 1 || month > 12 || day < 1 ||
-        static_cast<unsigned>(day) > daysInMonth(year, month)) {
+    if (month < 1 || month > 12 || day < 1 || static_cast<unsigned>(day) > daysInMonth(year, month)) {
         return std::nullopt;
     }
-    if (hour > 23 || minute > 59 || second > 59)
-        return std::nullopt;
+    if (hour > 23 || minute > 59 || second > 59) return std::nullopt;
     // Dates are kept as clock time points: one the clock cannot hold is refused.
     const std::int64_t instant =
-        ((daysFromCivil(year, static_cast<unsigned>(month), static_cast<unsigned>(day)) * 24 +
-          hour) *
-             60 +
-         minute) *
+        ((daysFromCivil(year, static_cast<unsigned>(month), static_cast<unsigned>(day)) * 24 + hour) * 60 + minute) *
             60000 +
         second * 1000 + millisecond;
-    if (instant < kEarliestMilliseconds || instant >= kLatestMilliseconds)
-        return std::nullopt;
+    if (instant < kEarliestMilliseconds || instant >= kLatestMilliseconds) return std::nullopt;
 
     Expected expected;
     expected.milliseconds = instant;
     static constexpr std::string_view zero = "0000-00-00 00:00:00.000";
     expected.canonical = std::string(text.substr(0, zero.size()));
-    if (expected.canonical.size() > 10)
-        expected.canonical[10] = ' ';
+    if (expected.canonical.size() > 10) expected.canonical[10] = ' ';
     expected.canonical += zero.substr(expected.canonical.size());
     return expected;
 }
@@ -145,32 +135,27 @@ std::optional<Expected> expectedReading(std::string_view text) {
 // back as the instant truncated to milliseconds toward the past.
 void checkRoundTrip(Timestamp instant, const std::string& origin) {
     const auto text = notificationdb::formatDateText(instant);
-    FUZZ_CHECK(text.has_value(),
-               "an instant inside the range of dates was not written, from " + origin);
+    FUZZ_CHECK(text.has_value(), "an instant inside the range of dates was not written, from " + origin);
     FUZZ_CHECK(text->size() == 23, "written text " + show(*text) + " is not 23 characters long");
     const auto back = notificationdb::parseDateText(*text);
     FUZZ_CHECK(back.has_value(), "written text " + show(*text) + " does not read back");
     FUZZ_CHECK(millisecondsOf(*back) == millisecondsOf(instant),
                "written text " + show(*text) + " reads back as another instant, from " + origin);
-    FUZZ_CHECK(back->time_since_epoch() == std::chrono::duration_cast<Timestamp::duration>(
-                                               milliseconds(millisecondsOf(instant))),
+    FUZZ_CHECK(back->time_since_epoch() ==
+                   std::chrono::duration_cast<Timestamp::duration>(milliseconds(millisecondsOf(instant))),
                "reading " + show(*text) + " keeps more than milliseconds");
 }
 
 void checkText(std::string_view text) {
     const auto parsed = notificationdb::parseDateText(text);
     const auto expected = expectedReading(text);
-    FUZZ_CHECK(
-        parsed.has_value() == expected.has_value(),
-        show(text) + (parsed ? " was read but must be refused" : " was refused but must be read"));
-    if (!parsed)
-        return;
-    FUZZ_CHECK(millisecondsOf(*parsed) == expected->milliseconds,
-               show(text) + " reads as the wrong instant");
+    FUZZ_CHECK(parsed.has_value() == expected.has_value(),
+               show(text) + (parsed ? " was read but must be refused" : " was refused but must be read"));
+    if (!parsed) return;
+    FUZZ_CHECK(millisecondsOf(*parsed) == expected->milliseconds, show(text) + " reads as the wrong instant");
     checkRoundTrip(*parsed, "text " + show(text));
     FUZZ_CHECK(*notificationdb::formatDateText(*parsed) == expected->canonical,
-               show(text) + " is written back as " +
-                   show(*notificationdb::formatDateText(*parsed)) + ", not " +
+               show(text) + " is written back as " + show(*notificationdb::formatDateText(*parsed)) + ", not " +
                    show(expected->canonical));
 }
 
@@ -189,8 +174,7 @@ void checkSeconds(double seconds) {
     } else if (seconds < earliest - 0.001L || seconds > latest + 0.001L) {
         FUZZ_CHECK(!date.has_value(), origin + " outside the range of dates was read");
     }
-    if (!date)
-        return;
+    if (!date) return;
     const long double exact = static_cast<long double>(seconds) * 1000.0L;
     const auto read = static_cast<long double>(millisecondsOf(*date));
     // Truncation toward the past, allowing for the rounding of the product in double.
@@ -213,18 +197,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         // INTEGER columns reach the reader as doubles.
         checkSeconds(static_cast<double>(integer));
         // Any instant of the range, whatever its fraction of a millisecond, is written.
-        const Timestamp earliest(
-            std::chrono::duration_cast<Timestamp::duration>(milliseconds(kEarliestMilliseconds)));
-        const Timestamp latest = kLatestMilliseconds == millisecondsOf(Timestamp::max()) + 1
-                                     ? Timestamp::max()
-                                     : Timestamp(std::chrono::duration_cast<Timestamp::duration>(
-                                           milliseconds(kLatestMilliseconds))) -
-                                           Timestamp::duration(1);
+        const Timestamp earliest(std::chrono::duration_cast<Timestamp::duration>(milliseconds(kEarliestMilliseconds)));
+        const Timestamp latest =
+            kLatestMilliseconds == millisecondsOf(Timestamp::max()) + 1
+                ? Timestamp::max()
+                : Timestamp(std::chrono::duration_cast<Timestamp::duration>(milliseconds(kLatestMilliseconds))) -
+                      Timestamp::duration(1);
         // Unsigned arithmetic: the span of a nanosecond clock does not fit its signed ticks.
         const auto first = static_cast<std::uint64_t>(earliest.time_since_epoch().count());
         const auto span = static_cast<std::uint64_t>(latest.time_since_epoch().count()) - first;
-        const auto offset = span == UINT64_MAX ? static_cast<std::uint64_t>(integer)
-                                               : static_cast<std::uint64_t>(integer) % (span + 1);
+        const auto offset =
+            span == UINT64_MAX ? static_cast<std::uint64_t>(integer) : static_cast<std::uint64_t>(integer) % (span + 1);
         const Timestamp instant(Timestamp::duration(static_cast<Timestamp::rep>(first + offset)));
         checkRoundTrip(instant, "ticks " + std::to_string(instant.time_since_epoch().count()));
     }

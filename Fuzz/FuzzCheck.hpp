@@ -10,10 +10,9 @@
 
 namespace notificationdb::fuzz {
 
-[[noreturn]] inline void failCheck(const char* file, int line, const char* condition,
-                                   const std::string& detail) {
-    std::fprintf(stderr, "%s:%d: fuzz check failed: %s%s%s\n", file, line, condition,
-                 detail.empty() ? "" : ": ", detail.c_str());
+[[noreturn]] inline void failCheck(const char* file, int line, const char* condition, const std::string& detail) {
+    std::fprintf(stderr, "%s:%d: fuzz check failed: %s%s%s\n", file, line, condition, detail.empty() ? "" : ": ",
+                 detail.c_str());
     std::abort();
 }
 
@@ -26,8 +25,7 @@ namespace notificationdb::fuzz {
 
 }  // namespace notificationdb::fuzz
 
-#define FUZZ_CHECK(condition, detail)                                                    \
-    do {                                                                                 \
-        if (!(condition))                                                                \
-            ::notificationdb::fuzz::failCheck(__FILE__, __LINE__, #condition, (detail)); \
+#define FUZZ_CHECK(condition, detail)                                                                  \
+    do {                                                                                               \
+        if (!(condition)) ::notificationdb::fuzz::failCheck(__FILE__, __LINE__, #condition, (detail)); \
     } while (false)

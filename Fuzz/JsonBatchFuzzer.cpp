@@ -26,19 +26,16 @@ using namespace notificationdb;
 using tool::JsonInputError;
 
 std::int64_t caseCount(std::string_view field) {
-    if (field == "status")
-        return 3;
-    if (field == "notificationKind")
-        return 5;
-    if (field == "actionKind")
-        return 7;
+    if (field == "status") return 3;
+    if (field == "notificationKind") return 5;
+    if (field == "actionKind") return 7;
     return 0;
 }
 
 template <class Record>
 std::string fieldPath(std::size_t entry, std::size_t field) {
-    return "entry " + std::to_string(entry) + ": " + std::string(RecordCoding<Record>::tableName) +
-           "." + std::string(RecordCoding<Record>::fields[field].name);
+    return "entry " + std::to_string(entry) + ": " + std::string(RecordCoding<Record>::tableName) + "." +
+           std::string(RecordCoding<Record>::fields[field].name);
 }
 
 // Checks a decoded record against its JSON object, for the values whose meaning is plain: null
@@ -47,34 +44,27 @@ std::string fieldPath(std::size_t entry, std::size_t field) {
 template <class Record>
 void checkRecord(const Record& record, const nlohmann::json& object, std::size_t entry) {
     using Coding = RecordCoding<Record>;
-    FUZZ_CHECK(object.is_object(),
-               "entry " + std::to_string(entry) + ": a record was read from a non-object");
+    FUZZ_CHECK(object.is_object(), "entry " + std::to_string(entry) + ": a record was read from a non-object");
     const RecordValues<Record> values = encodeRecord(record);
     for (std::size_t i = 0; i < values.size(); ++i) {
         const FieldDescriptor& field = Coding::fields[i];
         const FieldValue& value = values[i];
         const auto found = object.find(std::string(field.name));
         if (found == object.end() || found->is_null()) {
-            FUZZ_CHECK(field.optional,
-                       fieldPath<Record>(entry, i) + ": a required field was missing");
-            FUZZ_CHECK(std::holds_alternative<std::monostate>(value),
-                       fieldPath<Record>(entry, i) + " must be absent");
+            FUZZ_CHECK(field.optional, fieldPath<Record>(entry, i) + ": a required field was missing");
+            FUZZ_CHECK(std::holds_alternative<std::monostate>(value), fieldPath<Record>(entry, i) + " must be absent");
             continue;
         }
-        FUZZ_CHECK(!std::holds_alternative<std::monostate>(value),
-                   fieldPath<Record>(entry, i) + " was dropped");
+        FUZZ_CHECK(!std::holds_alternative<std::monostate>(value), fieldPath<Record>(entry, i) + " was dropped");
         switch (field.type) {
             case FieldType::text:
-                FUZZ_CHECK(
-                    found->is_string() && std::get<std::string>(value) == found->get<std::string>(),
-                    fieldPath<Record>(entry, i) + " differs from the JSON");
+                FUZZ_CHECK(found->is_string() && std::get<std::string>(value) == found->get<std::string>(),
+                           fieldPath<Record>(entry, i) + " differs from the JSON");
                 break;
             case FieldType::integer:
-                FUZZ_CHECK(
-                    found->is_number_integer() &&
-                        found->get<std::int64_t>() == std::get<std::int64_t>(value) &&
-                        !(found->is_number_unsigned() && found->get<std::uint64_t>() > INT64_MAX),
-                    fieldPath<Record>(entry, i) + " differs from the JSON");
+                FUZZ_CHECK(found->is_number_integer() && found->get<std::int64_t>() == std::get<std::int64_t>(value) &&
+                               !(found->is_number_unsigned() && found->get<std::uint64_t>() > INT64_MAX),
+                           fieldPath<Record>(entry, i) + " differs from the JSON");
                 break;
             case FieldType::boolean:
                 FUZZ_CHECK(found->is_boolean() && found->get<bool>() == std::get<bool>(value),
@@ -82,14 +72,13 @@ void checkRecord(const Record& record, const nlohmann::json& object, std::size_t
                 break;
             case FieldType::enumeration: {
                 const std::int64_t raw = std::get<std::int64_t>(value);
-                FUZZ_CHECK(raw >= 0 && raw < caseCount(field.name),
-                           fieldPath<Record>(entry, i) + " is no case");
+                FUZZ_CHECK(raw >= 0 && raw < caseCount(field.name), fieldPath<Record>(entry, i) + " is no case");
                 if (found->is_number_integer()) {
                     FUZZ_CHECK(found->get<std::int64_t>() == raw,
                                fieldPath<Record>(entry, i) + " differs from the JSON");
                 } else {
-                    FUZZ_CHECK(found->is_string(), fieldPath<Record>(entry, i) +
-                                                       " was read from neither number nor name");
+                    FUZZ_CHECK(found->is_string(),
+                               fieldPath<Record>(entry, i) + " was read from neither number nor name");
                 }
                 break;
             }
@@ -98,21 +87,19 @@ void checkRecord(const Record& record, const nlohmann::json& object, std::size_t
                 FUZZ_CHECK(text && parseDateText(*text) == std::get<Timestamp>(value),
                            fieldPath<Record>(entry, i) + " cannot be written back");
                 if (found->is_string()) {
-                    FUZZ_CHECK(
-                        parseDateText(found->get<std::string>()) == std::get<Timestamp>(value),
-                        fieldPath<Record>(entry, i) + " differs from the JSON");
+                    FUZZ_CHECK(parseDateText(found->get<std::string>()) == std::get<Timestamp>(value),
+                               fieldPath<Record>(entry, i) + " differs from the JSON");
                 } else {
-                    FUZZ_CHECK(
-                        found->is_number() && dateFromSecondsSince1970(found->get<double>()) ==
-                                                  std::get<Timestamp>(value),
-                        fieldPath<Record>(entry, i) + " differs from the JSON");
+                    FUZZ_CHECK(found->is_number() &&
+                                   dateFromSecondsSince1970(found->get<double>()) == std::get<Timestamp>(value),
+                               fieldPath<Record>(entry, i) + " differs from the JSON");
                 }
                 break;
             }
             case FieldType::bytes:
-                FUZZ_CHECK(found->is_string() && tool::decodeBase64(found->get<std::string>()) ==
-                                                     std::get<Bytes>(value),
-                           fieldPath<Record>(entry, i) + " differs from the JSON");
+                FUZZ_CHECK(
+                    found->is_string() && tool::decodeBase64(found->get<std::string>()) == std::get<Bytes>(value),
+                    fieldPath<Record>(entry, i) + " differs from the JSON");
                 break;
         }
     }
@@ -122,17 +109,12 @@ void checkRecord(const Record& record, const nlohmann::json& object, std::size_t
                "entry " + std::to_string(entry) + ": keyed coding changed the record");
 }
 
-bool sameBatch(const std::vector<NotificationModelInfo>& lhs,
-               const std::vector<NotificationModelInfo>& rhs) {
-    if (lhs.size() != rhs.size())
-        return false;
+bool sameBatch(const std::vector<NotificationModelInfo>& lhs, const std::vector<NotificationModelInfo>& rhs) {
+    if (lhs.size() != rhs.size()) return false;
     for (std::size_t i = 0; i < lhs.size(); ++i) {
-        if (encodeRecord(lhs[i].notification) != encodeRecord(rhs[i].notification))
-            return false;
-        if (lhs[i].actionButton.has_value() != rhs[i].actionButton.has_value())
-            return false;
-        if (lhs[i].actionButton &&
-            encodeRecord(*lhs[i].actionButton) != encodeRecord(*rhs[i].actionButton)) {
+        if (encodeRecord(lhs[i].notification) != encodeRecord(rhs[i].notification)) return false;
+        if (lhs[i].actionButton.has_value() != rhs[i].actionButton.has_value()) return false;
+        if (lhs[i].actionButton && encodeRecord(*lhs[i].actionButton) != encodeRecord(*rhs[i].actionButton)) {
             return false;
         }
     }
@@ -142,8 +124,7 @@ bool sameBatch(const std::vector<NotificationModelInfo>& lhs,
 void checkBase64(std::string_view text) {
     // Decoding accepts canonical text only, so whatever it accepts is written back unchanged.
     if (const auto bytes = tool::decodeBase64(text)) {
-        FUZZ_CHECK(tool::encodeBase64(*bytes) == text,
-                   "base64 text was accepted but is not canonical");
+        FUZZ_CHECK(tool::encodeBase64(*bytes) == text, "base64 text was accepted but is not canonical");
     }
     const Bytes bytes(text.begin(), text.end());
     const std::string encoded = tool::encodeBase64(bytes);
@@ -166,20 +147,16 @@ void checkBatch(std::string_view text) {
     } catch (const nlohmann::json::exception& error) {
         FUZZ_CHECK(false, std::string("text that is not JSON was accepted: ") + error.what());
     }
-    FUZZ_CHECK(json.is_array() && json.size() == batch->size(),
-               "the batch has another number of entries");
+    FUZZ_CHECK(json.is_array() && json.size() == batch->size(), "the batch has another number of entries");
     for (std::size_t i = 0; i < batch->size(); ++i) {
         const auto& entry = json[i];
         const NotificationModelInfo& info = (*batch)[i];
-        FUZZ_CHECK(entry.is_object() && entry.contains("notification"),
-                   "an entry without notification was accepted");
+        FUZZ_CHECK(entry.is_object() && entry.contains("notification"), "an entry without notification was accepted");
         checkRecord(info.notification, entry["notification"], i);
         const auto button = entry.find("notificationButton");
         const bool hasButton = button != entry.end() && !button->is_null();
-        FUZZ_CHECK(info.actionButton.has_value() == hasButton,
-                   "entry " + std::to_string(i) + ": button mismatch");
-        if (hasButton)
-            checkRecord(*info.actionButton, *button, i);
+        FUZZ_CHECK(info.actionButton.has_value() == hasButton, "entry " + std::to_string(i) + ": button mismatch");
+        if (hasButton) checkRecord(*info.actionButton, *button, i);
     }
 
     // Written as JSON and read again, the batch is the same; so is its JSON.
@@ -191,8 +168,7 @@ void checkBatch(std::string_view text) {
         FUZZ_CHECK(false, std::string("the tool's own JSON was refused: ") + error.what());
     }
     FUZZ_CHECK(sameBatch(*batch, again), "the batch changed on its way through JSON");
-    FUZZ_CHECK(tool::toJson(again).dump() == written,
-               "the JSON of the batch changed on a second pass");
+    FUZZ_CHECK(tool::toJson(again).dump() == written, "the JSON of the batch changed on a second pass");
 }
 
 }  // namespace

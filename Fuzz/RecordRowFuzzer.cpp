@@ -102,8 +102,7 @@ Input parseInput(std::string_view text) {
         const std::string_view source = nextToken(line);
         const std::string_view name = nextToken(line);
         const std::string_view type = nextToken(line);
-        if (source.size() != 1)
-            continue;
+        if (source.size() != 1) continue;
         InputColumn column;
         switch (source[0]) {
             case 'n':
@@ -123,16 +122,13 @@ Input parseInput(std::string_view text) {
         }
         // SQLite stops reading SQL text at a zero byte; names keep every other byte.
         for (char c : name) {
-            if (c != '\0')
-                column.name += c;
+            if (c != '\0') column.name += c;
         }
         switch (type.empty() ? 'n' : type[0]) {
             case 'i': {
                 column.type = ColumnType::integer;
-                const auto result =
-                    std::from_chars(line.data(), line.data() + line.size(), column.integer);
-                if (result.ec != std::errc())
-                    column.integer = 0;
+                const auto result = std::from_chars(line.data(), line.data() + line.size(), column.integer);
+                if (result.ec != std::errc()) column.integer = 0;
                 break;
             }
             case 'r':
@@ -160,8 +156,7 @@ void appendQuoted(std::string& sql, std::string_view identifier) {
     sql += '"';
     for (char c : identifier) {
         sql += c;
-        if (c == '"')
-            sql += '"';
+        if (c == '"') sql += '"';
     }
     sql += '"';
 }
@@ -179,8 +174,7 @@ void bindColumn(Statement& statement, int index, const InputColumn& column) {
             break;
         case ColumnType::blob:
             statement.bind(index, std::span<const std::uint8_t>(
-                                      reinterpret_cast<const std::uint8_t*>(column.bytes.data()),
-                                      column.bytes.size()));
+                                      reinterpret_cast<const std::uint8_t*>(column.bytes.data()), column.bytes.size()));
             break;
         case ColumnType::null:
             statement.bindNull(index);
@@ -197,8 +191,7 @@ std::string insertSQL(std::string_view table) {
     std::string sql = "INSERT INTO ";
     appendQuoted(sql, table);
     sql += " VALUES (?";
-    for (int i = 1; i < kMaximumColumns; ++i)
-        sql += ", ?";
+    for (int i = 1; i < kMaximumColumns; ++i) sql += ", ?";
     sql += ')';
     return sql;
 }
@@ -216,8 +209,7 @@ void storeRow(const Input& input) {
             std::string sql = "DELETE FROM ";
             appendQuoted(sql, tableOf(source));
             connection.cachedStatement(sql)->execute();
-            if (source == Source::button && !input.joinButton)
-                continue;
+            if (source == Source::button && !input.joinButton) continue;
             auto insert = connection.cachedStatement(insertSQL(tableOf(source)));
             for (std::size_t k = 0; k < input.columns.size(); ++k) {
                 if (input.columns[k].source == source) {
@@ -233,8 +225,7 @@ std::string selectSQL(const Input& input) {
     std::string sql = "SELECT ";
     for (std::size_t k = 0; k < input.columns.size(); ++k) {
         const InputColumn& column = input.columns[k];
-        if (k > 0)
-            sql += ", ";
+        if (k > 0) sql += ", ";
         if (column.source == Source::expression) {
             sql += '?';
         } else {
@@ -284,8 +275,7 @@ std::vector<Cell> snapshot(Statement& statement) {
             case ColumnType::blob: {
                 const auto* blob = static_cast<const char*>(sqlite3_column_blob(handle, i));
                 const int size = sqlite3_column_bytes(handle, i);
-                if (size > 0)
-                    cell.bytes.assign(blob, static_cast<std::size_t>(size));
+                if (size > 0) cell.bytes.assign(blob, static_cast<std::size_t>(size));
                 break;
             }
             case ColumnType::null:
@@ -313,46 +303,38 @@ struct Layout {
         const auto origin = [&input](int k) { return tableOf(input.columns[k].source); };
         int k = 0;
         if (count > 0 && !origin(0).empty()) {
-            while (k < count && origin(k) == origin(0))
-                ++k;
+            while (k < count && origin(k) == origin(0)) ++k;
         } else {
             k = count;
         }
         base = {0, k};
         while (k < count) {
             const int begin = k;
-            while (k < count && origin(k) == origin(begin))
-                ++k;
+            while (k < count && origin(k) == origin(begin)) ++k;
             scopes.emplace_back(std::string(origin(begin)), View{begin, k});
         }
     }
 
     std::optional<View> scope(std::string_view table) const {
         for (const auto& [name, view] : scopes) {
-            if (name == table)
-                return view;
+            if (name == table) return view;
         }
         return std::nullopt;
     }
 };
 
 bool sameName(std::string_view lhs, std::string_view rhs) {
-    if (lhs.size() != rhs.size())
-        return false;
+    if (lhs.size() != rhs.size()) return false;
     for (std::size_t i = 0; i < lhs.size(); ++i) {
-        const auto lower = [](char c) {
-            return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c;
-        };
-        if (lower(lhs[i]) != lower(rhs[i]))
-            return false;
+        const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
+        if (lower(lhs[i]) != lower(rhs[i])) return false;
     }
     return true;
 }
 
 bool allNull(const std::vector<Cell>& cells, View view) {
     for (int i = view.begin; i < view.end; ++i) {
-        if (cells[static_cast<std::size_t>(i)].type != ColumnType::null)
-            return false;
+        if (cells[static_cast<std::size_t>(i)].type != ColumnType::null) return false;
     }
     return true;
 }
@@ -372,20 +354,16 @@ struct Expectation {
 
 // Number of cases of the enumeration stored in a field.
 std::int64_t caseCount(std::string_view field) {
-    if (field == "status")
-        return 3;
-    if (field == "notificationKind")
-        return 5;
-    if (field == "actionKind")
-        return 7;
+    if (field == "status") return 3;
+    if (field == "notificationKind") return 5;
+    if (field == "actionKind") return 7;
     return 0;
 }
 
 Expectation expectField(const FieldDescriptor& field, const std::vector<Cell>& cells, View view) {
     const Cell* cell = nullptr;
     for (int i = view.begin; i < view.end && cell == nullptr; ++i) {
-        if (sameName(cells[static_cast<std::size_t>(i)].name, field.name))
-            cell = &cells[static_cast<std::size_t>(i)];
+        if (sameName(cells[static_cast<std::size_t>(i)].name, field.name)) cell = &cells[static_cast<std::size_t>(i)];
     }
     if (cell == nullptr || cell->type == ColumnType::null) {
         return {field.optional ? Verdict::absent : Verdict::fails, {}};
@@ -393,38 +371,31 @@ Expectation expectField(const FieldDescriptor& field, const std::vector<Cell>& c
     const bool integer = cell->type == ColumnType::integer;
     switch (field.type) {
         case FieldType::integer:
-            if (integer)
-                return {Verdict::value, cell->integer};
+            if (integer) return {Verdict::value, cell->integer};
             break;
         case FieldType::enumeration:
             if (integer) {
-                if (cell->integer < 0 || cell->integer >= caseCount(field.name))
-                    return {Verdict::fails, {}};
+                if (cell->integer < 0 || cell->integer >= caseCount(field.name)) return {Verdict::fails, {}};
                 return {Verdict::value, cell->integer};
             }
             break;
         case FieldType::boolean:
-            if (integer)
-                return {Verdict::value, cell->integer != 0};
+            if (integer) return {Verdict::value, cell->integer != 0};
             break;
         case FieldType::text:
-            if (cell->type == ColumnType::text)
-                return {Verdict::value, cell->bytes};
+            if (cell->type == ColumnType::text) return {Verdict::value, cell->bytes};
             break;
         case FieldType::bytes:
-            if (cell->type == ColumnType::blob)
-                return {Verdict::value, Bytes(cell->bytes.begin(), cell->bytes.end())};
+            if (cell->type == ColumnType::blob) return {Verdict::value, Bytes(cell->bytes.begin(), cell->bytes.end())};
             break;
         case FieldType::date:
             if (cell->type == ColumnType::text) {
-                if (auto date = parseDateText(cell->bytes))
-                    return {Verdict::value, *date};
+                if (auto date = parseDateText(cell->bytes)) return {Verdict::value, *date};
                 return {Verdict::fails, {}};
             }
             if (integer || cell->type == ColumnType::real) {
                 const double seconds = integer ? static_cast<double>(cell->integer) : cell->real;
-                if (auto date = dateFromSecondsSince1970(seconds))
-                    return {Verdict::value, *date};
+                if (auto date = dateFromSecondsSince1970(seconds)) return {Verdict::value, *date};
             }
             break;
     }
@@ -445,8 +416,7 @@ RecordExpectation<Record> expectRecord(const std::vector<Cell>& cells, View view
         expectation.fields[i] = expectField(RecordCoding<Record>::fields[i], cells, view);
         const Verdict verdict = expectation.fields[i].verdict;
         expectation.mustFail = expectation.mustFail || verdict == Verdict::fails;
-        expectation.mustSucceed =
-            expectation.mustSucceed && (verdict == Verdict::absent || verdict == Verdict::value);
+        expectation.mustSucceed = expectation.mustSucceed && (verdict == Verdict::absent || verdict == Verdict::value);
     }
     return expectation;
 }
@@ -469,32 +439,25 @@ void checkInvariants(const Record& record, std::string_view context) {
         const FieldValue& value = values[i];
         FUZZ_CHECK(field.optional || !std::holds_alternative<std::monostate>(value),
                    fieldContext<Record>(context, i) + " is required but absent");
-        if (field.type == FieldType::enumeration &&
-            !std::holds_alternative<std::monostate>(value)) {
+        if (field.type == FieldType::enumeration && !std::holds_alternative<std::monostate>(value)) {
             const std::int64_t raw = std::get<std::int64_t>(value);
-            FUZZ_CHECK(raw >= 0 && raw < caseCount(field.name),
-                       fieldContext<Record>(context, i) + " is no case");
+            FUZZ_CHECK(raw >= 0 && raw < caseCount(field.name), fieldContext<Record>(context, i) + " is no case");
         }
         if (const auto* date = std::get_if<Timestamp>(&value)) {
             const auto text = formatDateText(*date);
-            FUZZ_CHECK(text && text->size() == 23,
-                       fieldContext<Record>(context, i) + " cannot be written");
-            FUZZ_CHECK(parseDateText(*text) == *date,
-                       fieldContext<Record>(context, i) + " does not read back");
+            FUZZ_CHECK(text && text->size() == 23, fieldContext<Record>(context, i) + " cannot be written");
+            FUZZ_CHECK(parseDateText(*text) == *date, fieldContext<Record>(context, i) + " does not read back");
         }
     }
     // The keyed coding gives back the same record.
     RecordValues<Record> copy = values;
     const Record decoded = Coding::decode(copy);
-    FUZZ_CHECK(encodeRecord(decoded) == values,
-               std::string(context) + ": keyed coding changed the record");
+    FUZZ_CHECK(encodeRecord(decoded) == values, std::string(context) + ": keyed coding changed the record");
 }
 
 template <class Record>
-void checkAgainst(const Record& record, const RecordExpectation<Record>& expectation,
-                  std::string_view context) {
-    FUZZ_CHECK(!expectation.mustFail,
-               std::string(context) + ": a row that must be refused was read");
+void checkAgainst(const Record& record, const RecordExpectation<Record>& expectation, std::string_view context) {
+    FUZZ_CHECK(!expectation.mustFail, std::string(context) + ": a row that must be refused was read");
     const RecordValues<Record> values = encodeRecord(record);
     for (std::size_t i = 0; i < values.size(); ++i) {
         const Expectation& field = expectation.fields[i];
@@ -502,21 +465,17 @@ void checkAgainst(const Record& record, const RecordExpectation<Record>& expecta
             FUZZ_CHECK(std::holds_alternative<std::monostate>(values[i]),
                        fieldContext<Record>(context, i) + " must be absent");
         } else if (field.verdict == Verdict::value) {
-            FUZZ_CHECK(values[i] == field.value,
-                       fieldContext<Record>(context, i) + " differs from its column");
+            FUZZ_CHECK(values[i] == field.value, fieldContext<Record>(context, i) + " differs from its column");
         }
     }
     checkInvariants(record, context);
 }
 
 void checkRefusal(bool mustSucceed, const RecordDecodingError& error, std::string_view context) {
-    FUZZ_CHECK(!mustSucceed,
-               std::string(context) + ": a readable row was refused: " + error.what());
+    FUZZ_CHECK(!mustSucceed, std::string(context) + ": a readable row was refused: " + error.what());
     bool known = false;
-    for (const auto& field : RecordCoding<NotificationModel>::fields)
-        known = known || field.name == error.column();
-    for (const auto& field : RecordCoding<NotificationButton>::fields)
-        known = known || field.name == error.column();
+    for (const auto& field : RecordCoding<NotificationModel>::fields) known = known || field.name == error.column();
+    for (const auto& field : RecordCoding<NotificationButton>::fields) known = known || field.name == error.column();
     FUZZ_CHECK(known, std::string(context) + ": the error names no field: " + error.what());
 }
 
@@ -528,8 +487,7 @@ void checkRowRoundTrip(Connection& connection, const Record& record, std::string
     static const std::string sql = [] {
         std::string text = "SELECT ";
         for (std::size_t i = 0; i < Coding::fields.size(); ++i) {
-            if (i > 0)
-                text += ", ";
+            if (i > 0) text += ", ";
             text += "? AS ";
             appendQuoted(text, Coding::fields[i].name);
         }
@@ -563,13 +521,11 @@ void readRow(Connection& connection, const Input& input) {
     auto statement = connection.makeStatement(selectSQL(input));
     int parameter = 1;
     for (const InputColumn& column : input.columns) {
-        if (column.source == Source::expression)
-            bindColumn(*statement, parameter++, column);
+        if (column.source == Source::expression) bindColumn(*statement, parameter++, column);
     }
     FUZZ_CHECK(statement->step(), "the joined query gave no row");
     const std::vector<Cell> cells = snapshot(*statement);
-    FUZZ_CHECK(cells.size() == input.columns.size(),
-               "the joined query gave another number of columns");
+    FUZZ_CHECK(cells.size() == input.columns.size(), "the joined query gave another number of columns");
     const Row row = statement->row();
     const Layout layout(input);
 
@@ -578,8 +534,7 @@ void readRow(Connection& connection, const Input& input) {
     const auto buttonView = layout.scope(NotificationButton::databaseTableName);
     const bool hasButton = buttonView && !allNull(cells, *buttonView);
     std::optional<RecordExpectation<NotificationButton>> button;
-    if (hasButton)
-        button = expectRecord<NotificationButton>(cells, *buttonView);
+    if (hasButton) button = expectRecord<NotificationButton>(cells, *buttonView);
     {
         const bool mustFail = notification.mustFail || (button && button->mustFail);
         const bool mustSucceed = notification.mustSucceed && (!button || button->mustSucceed);
@@ -594,8 +549,7 @@ void readRow(Connection& connection, const Input& input) {
             checkAgainst(info->notification, notification, "joined row");
             checkRowRoundTrip(connection, info->notification, "joined row");
             FUZZ_CHECK(info->actionButton.has_value() == hasButton,
-                       hasButton ? "joined row: the button was dropped"
-                                 : "joined row: a button was made up");
+                       hasButton ? "joined row: the button was dropped" : "joined row: a button was made up");
             if (info->actionButton) {
                 checkAgainst(*info->actionButton, *button, "joined row");
                 checkRowRoundTrip(connection, *info->actionButton, "joined row");
@@ -604,13 +558,11 @@ void readRow(Connection& connection, const Input& input) {
     }
 
     // Each record type from the other parts of the row.
-    readAndCheck<NotificationButton>(connection, row, cells, layout.base,
-                                     "button from the base part");
+    readAndCheck<NotificationButton>(connection, row, cells, layout.base, "button from the base part");
     if (const auto scope = row.scope(kOtherTable)) {
         const auto view = layout.scope(kOtherTable);
         FUZZ_CHECK(view.has_value(), "the row has a scope it must not have");
-        readAndCheck<NotificationModel>(connection, *scope, cells, *view,
-                                        "notification from a scope");
+        readAndCheck<NotificationModel>(connection, *scope, cells, *view, "notification from a scope");
         readAndCheck<NotificationButton>(connection, *scope, cells, *view, "button from a scope");
     } else {
         FUZZ_CHECK(!layout.scope(kOtherTable).has_value(), "the row lacks a scope it must have");
@@ -624,8 +576,7 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     const char* tmp = std::getenv("TMPDIR");
     std::string directory = tmp != nullptr && *tmp != '\0' ? tmp : "/tmp";
     std::error_code error;
-    if (tmp == nullptr && std::filesystem::is_directory("/dev/shm", error))
-        directory = "/dev/shm";
+    if (tmp == nullptr && std::filesystem::is_directory("/dev/shm", error)) directory = "/dev/shm";
     std::string pattern = directory + "/fuzz_record_row.XXXXXX";
     if (mkdtemp(pattern.data()) == nullptr) {
         std::perror("mkdtemp");
@@ -636,13 +587,11 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     gPool = std::make_unique<DatabasePool>(gDirectory / "rows.sqlite", Configuration{});
     gPool->write([](Connection& connection) {
         // Columns without types keep every value in the storage class it was bound with.
-        for (const std::string_view table :
-             {tableOf(Source::notification), tableOf(Source::button), kOtherTable}) {
+        for (const std::string_view table : {tableOf(Source::notification), tableOf(Source::button), kOtherTable}) {
             std::string sql = "CREATE TABLE ";
             appendQuoted(sql, table);
             sql += " (c0";
-            for (int i = 1; i < kMaximumColumns; ++i)
-                sql += ", c" + std::to_string(i);
+            for (int i = 1; i < kMaximumColumns; ++i) sql += ", c" + std::to_string(i);
             sql += ')';
             connection.execute(sql);
         }
@@ -652,8 +601,7 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const Input input = parseInput(std::string_view(reinterpret_cast<const char*>(data), size));
-    if (input.columns.empty())
-        return 0;
+    if (input.columns.empty()) return 0;
     try {
         storeRow(input);
     } catch (const std::exception& error) {

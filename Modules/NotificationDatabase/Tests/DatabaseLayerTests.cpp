@@ -225,9 +225,9 @@ TEST_F(DatabasePoolTest, WriterMeetsAnotherProcesssLockAccordingToItsBusyMode) {
     DatabasePool impatient(path, writable(BusyMode::immediateError()));
     std::vector<int> tries;
     DatabasePool asking(path, writable(BusyMode::callback([&](int numberOfTries) {
-        tries.push_back(numberOfTries);
-        return numberOfTries < 3;
-    })));
+                            tries.push_back(numberOfTries);
+                            return numberOfTries < 3;
+                        })));
     auto insert = [](Connection& connection) { connection.execute("INSERT INTO t (v) VALUES ('parent')"); };
 
     {
@@ -277,7 +277,10 @@ TEST_F(DatabasePoolTest, ObservationReportsEachCommittedTransactionThatChangedAT
         [&](const std::exception& error) { errors.emplace_back(error.what()); });
     auto otherObservation = pool.observe({"other"}, [&] { ++otherChanges; }, {});
     auto failing = pool.observe(
-        {"tracked"}, [&] { if (++failingCalls == 1) throw std::runtime_error("observer failed"); },
+        {"tracked"},
+        [&] {
+            if (++failingCalls == 1) throw std::runtime_error("observer failed");
+        },
         [&](const std::exception& error) { errors.push_back(std::string("second: ") + error.what()); });
 
     pool.write([](Connection& connection) {

@@ -23,8 +23,7 @@ namespace {
 using namespace std::chrono;
 using namespace std::chrono_literals;
 
-Timestamp utc(int y, unsigned m, unsigned d, hours h = 0h, minutes min = 0min, seconds s = 0s,
-              milliseconds ms = 0ms) {
+Timestamp utc(int y, unsigned m, unsigned d, hours h = 0h, minutes min = 0min, seconds s = 0s, milliseconds ms = 0ms) {
     return Timestamp(sys_days(year(y) / month(m) / day(d)) + h + min + s + ms);
 }
 
@@ -41,16 +40,14 @@ TEST(DateText, FormatsUtcWithMillisecondsTruncatedTowardThePast) {
     EXPECT_EQ(formatDateText(instant + 999999ns), "2024-03-05 17:04:09.250");
     EXPECT_EQ(formatDateText(instant + 1ms), "2024-03-05 17:04:09.251");
     EXPECT_EQ(formatDateText(utc(2024, 3, 5, 17h, 4min, 9s, 5ms)), "2024-03-05 17:04:09.005");
-    EXPECT_EQ(formatDateText(utc(2023, 12, 31, 23h, 59min, 59s, 999ms) + 1ms),
-              "2024-01-01 00:00:00.000");
+    EXPECT_EQ(formatDateText(utc(2023, 12, 31, 23h, 59min, 59s, 999ms) + 1ms), "2024-01-01 00:00:00.000");
     EXPECT_EQ(formatDateText(utc(2024, 2, 29, 12h)), "2024-02-29 12:00:00.000");
 
     EXPECT_EQ(formatDateText(Timestamp{}), "1970-01-01 00:00:00.000");
     EXPECT_EQ(formatDateText(Timestamp{} - 1ns), "1969-12-31 23:59:59.999");
     EXPECT_EQ(formatDateText(Timestamp{} - 1ms), "1969-12-31 23:59:59.999");
     EXPECT_EQ(formatDateText(Timestamp{} - 1001us), "1969-12-31 23:59:59.998");
-    EXPECT_EQ(formatDateText(utc(1900, 1, 1, 0h, 0min, 0s, 1ms) - 400us),
-              "1900-01-01 00:00:00.000");
+    EXPECT_EQ(formatDateText(utc(1900, 1, 1, 0h, 0min, 0s, 1ms) - 400us), "1900-01-01 00:00:00.000");
 
     // The ends of what a Timestamp holds have stored forms that read back.
     const Timestamp earliest = std::chrono::ceil<milliseconds>(Timestamp::min());
@@ -121,9 +118,8 @@ TEST(DateText, ParsesTheStoredFormAndItsShortenedForms) {
 
     // A well-formed date that a Timestamp cannot hold fails; it never wraps around to another
     // instant.
-    const std::vector<std::string> far{"0000-01-01 00:00:00.000", "1677-09-21 00:12:43.145",
-                                       "1677-09-21 00:12:43.146", "2262-04-11 23:47:16.854",
-                                       "2262-04-11 23:47:16.855", "2300-01-01 00:00:00.000",
+    const std::vector<std::string> far{"0000-01-01 00:00:00.000", "1677-09-21 00:12:43.145", "1677-09-21 00:12:43.146",
+                                       "2262-04-11 23:47:16.854", "2262-04-11 23:47:16.855", "2300-01-01 00:00:00.000",
                                        "9999-12-31 23:59:59.999"};
     for (const auto& text : far) {
         const auto parsed = parseDateText(text);
@@ -131,8 +127,7 @@ TEST(DateText, ParsesTheStoredFormAndItsShortenedForms) {
             EXPECT_EQ(formatDateText(*parsed), text);
         }
         if constexpr (std::is_same_v<Timestamp::duration, nanoseconds>) {
-            EXPECT_EQ(parsed.has_value(),
-                      text == "1677-09-21 00:12:43.146" || text == "2262-04-11 23:47:16.854")
+            EXPECT_EQ(parsed.has_value(), text == "1677-09-21 00:12:43.146" || text == "2262-04-11 23:47:16.854")
                 << text;
         }
     }
@@ -150,8 +145,7 @@ TEST(DateText, ReadsSecondsSince1970) {
 
     for (double invalid :
          {std::numeric_limits<double>::quiet_NaN(), std::numeric_limits<double>::infinity(),
-          -std::numeric_limits<double>::infinity(), 1e300, -1e300, 1e17, 253402300800.0,
-          -62167219200.001}) {
+          -std::numeric_limits<double>::infinity(), 1e300, -1e300, 1e17, 253402300800.0, -62167219200.001}) {
         EXPECT_EQ(dateFromSecondsSince1970(invalid), std::nullopt) << invalid;
     }
     // Far instants are either exact or refused, never wrapped around.
@@ -169,13 +163,10 @@ TEST(DateText, ReadsSecondsSince1970) {
 // sorts in time order, which the newest-first listing relies on.
 TEST(DateText, RoundTripsAndSortsInTimeOrderOverRandomInstants) {
     std::mt19937_64 random(20240305);
-    const auto earliest =
-        std::chrono::ceil<milliseconds>(Timestamp::min()).time_since_epoch().count();
-    const auto latest =
-        std::chrono::floor<milliseconds>(Timestamp::max()).time_since_epoch().count();
-    std::uniform_int_distribution<std::int64_t> anyMillisecond(
-        std::max<std::int64_t>(earliest, -62167219200000),
-        std::min<std::int64_t>(latest - 1, 253402300799999));
+    const auto earliest = std::chrono::ceil<milliseconds>(Timestamp::min()).time_since_epoch().count();
+    const auto latest = std::chrono::floor<milliseconds>(Timestamp::max()).time_since_epoch().count();
+    std::uniform_int_distribution<std::int64_t> anyMillisecond(std::max<std::int64_t>(earliest, -62167219200000),
+                                                               std::min<std::int64_t>(latest - 1, 253402300799999));
     std::uniform_int_distribution<std::int64_t> subMillisecond(0, 999999);
     std::vector<std::pair<Timestamp, std::string>> samples;
     for (int i = 0; i < 20000; ++i) {

@@ -68,8 +68,7 @@ TEST(PlatformFileManager, ApplicationSupportDirectoryWithoutHomeUsesThePasswordD
     std::string expectedHome = entry->pw_dir;
     ScopedEnvironment noHome("HOME", std::nullopt);
     ScopedEnvironment noDataHome("XDG_DATA_HOME", std::nullopt);
-    EXPECT_EQ(SystemFileManager().applicationSupportDirectory(),
-              fs::path(expectedHome) / ".local" / "share");
+    EXPECT_EQ(SystemFileManager().applicationSupportDirectory(), fs::path(expectedHome) / ".local" / "share");
 }
 #endif
 
@@ -84,8 +83,7 @@ TEST(PlatformFileManager, CreatesDirectoriesWithAndWithoutIntermediates) {
     EXPECT_TRUE(succeeded(manager.createDirectory(chain, true)));
     EXPECT_TRUE(fs::is_directory(chain));
     EXPECT_TRUE(manager.fileExists(chain));
-    EXPECT_TRUE(succeeded(manager.createDirectory(chain, true)))
-        << "an existing directory is success";
+    EXPECT_TRUE(succeeded(manager.createDirectory(chain, true))) << "an existing directory is success";
 
     // Without intermediates a missing parent and an existing directory are both failures.
     auto orphan = root / "missing" / "child";
@@ -144,8 +142,7 @@ class RecordingFileManager final : public FileManager {
 public:
     fs::path applicationSupportDirectory() const override { return "/recorded"; }
     bool fileExists(const fs::path& /*path*/) const override { return true; }
-    std::error_code createDirectory(const fs::path& /*path*/,
-                                    bool /*withIntermediateDirectories*/) const override {
+    std::error_code createDirectory(const fs::path& /*path*/, bool /*withIntermediateDirectories*/) const override {
         return {};
     }
 };

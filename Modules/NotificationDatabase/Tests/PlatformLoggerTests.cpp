@@ -22,8 +22,7 @@ using Entry = CapturingLogDestination::Entry;
 
 class ThrowingDestination final : public LogDestination {
 public:
-    void write(std::string_view /*loggerPath*/, LogLevel /*level*/,
-               std::string_view /*message*/) override {
+    void write(std::string_view /*loggerPath*/, LogLevel /*level*/, std::string_view /*message*/) override {
         throw std::runtime_error("destination is broken");
     }
 };
@@ -100,10 +99,8 @@ TEST(PlatformLogger, FailingDestinationDoesNotDisturbLogging) {
     auto good = std::make_shared<CapturingLogDestination>();
     auto parentGood = std::make_shared<CapturingLogDestination>();
     auto parent = std::make_shared<Logger>(
-        "host", nullptr, Logger::Destinations{std::make_shared<ThrowingDestination>(), parentGood},
-        false);
-    auto child =
-        parent->subLogger("child", {std::make_shared<ThrowingDestination>(), nullptr, good}, true);
+        "host", nullptr, Logger::Destinations{std::make_shared<ThrowingDestination>(), parentGood}, false);
+    auto child = parent->subLogger("child", {std::make_shared<ThrowingDestination>(), nullptr, good}, true);
 
     EXPECT_NO_THROW(child->log(LogLevel::error, "still delivered"));
     EXPECT_EQ(good->messages(), std::vector<std::string>{"still delivered"});
@@ -166,23 +163,20 @@ TEST(PlatformLogSanitizer, RendersEngineErrorsWithoutTheirStatement) {
     EngineError error(19, 787, "SQLITE_CONSTRAINT_FOREIGNKEY", "FOREIGN KEY constraint failed",
                       "INSERT INTO notificationButton VALUES ('secret title') failed");
     std::string text = LogSanitizer::sanitizeError(error);
-    EXPECT_EQ(text,
-              "SQLite error 19 (SQLITE_CONSTRAINT_FOREIGNKEY): FOREIGN KEY constraint failed");
+    EXPECT_EQ(text, "SQLite error 19 (SQLITE_CONSTRAINT_FOREIGNKEY): FOREIGN KEY constraint failed");
     EXPECT_EQ(text.find("secret"), std::string::npos);
 
     // Caught as a plain exception, as the store's handlers do, the rendering is the same.
     try {
         throw EngineError(5, 5, "SQLITE_BUSY", "database is locked", "BEGIN IMMEDIATE");
     } catch (const std::exception& caught) {
-        EXPECT_EQ(LogSanitizer::sanitizeError(caught),
-                  "SQLite error 5 (SQLITE_BUSY): database is locked");
+        EXPECT_EQ(LogSanitizer::sanitizeError(caught), "SQLite error 5 (SQLITE_BUSY): database is locked");
     }
 
     std::runtime_error plain("something else went wrong");
     EXPECT_EQ(LogSanitizer::sanitizeError(plain), "something else went wrong");
 
-    std::filesystem::filesystem_error fileError("cannot create directory",
-                                                "/home/user/.local/share/Vantro",
+    std::filesystem::filesystem_error fileError("cannot create directory", "/home/user/.local/share/Vantro",
                                                 std::make_error_code(std::errc::permission_denied));
     EXPECT_EQ(LogSanitizer::sanitizeError(fileError), fileError.what());
 }

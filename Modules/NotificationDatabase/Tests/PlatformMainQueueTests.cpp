@@ -43,8 +43,7 @@ TEST(PlatformMainQueue, DelayedJobsRunInDeadlineOrderNotBeforeTheirDeadline) {
     EXPECT_EQ(queue.runUntilIdle(), 4U);
     EXPECT_EQ(order, (std::vector<std::string>{"soon", "early", "middle", "late"}));
     for (const auto& [name, deadlineAndRun] : times) {
-        EXPECT_GE(deadlineAndRun.second, deadlineAndRun.first)
-            << name << " ran before its deadline";
+        EXPECT_GE(deadlineAndRun.second, deadlineAndRun.first) << name << " ran before its deadline";
     }
     EXPECT_EQ(queue.pendingCount(), 0U);
 }

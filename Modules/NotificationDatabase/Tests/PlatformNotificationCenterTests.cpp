@@ -49,8 +49,7 @@ bool haveSessionBus() {
 // A notice name no other test or process on the bus uses.
 std::string uniqueName(const std::string& purpose) {
     static std::atomic<int> counter{0};
-    return "ndbTest_" + purpose + "_" + std::to_string(::getpid()) + "_" +
-           std::to_string(counter++);
+    return "ndbTest_" + purpose + "_" + std::to_string(::getpid()) + "_" + std::to_string(counter++);
 }
 
 // Drives the main queue, where observers' handlers run, until `done` holds or the watchdog
@@ -128,17 +127,14 @@ TEST(PlatformNotificationCenter, ObserverHearsEveryPostOfAnotherProcess) {
     });
     ASSERT_NE(token, nullptr);
     int otherHeard = 0;
-    auto otherToken =
-        center->addObserver(uniqueName("other"), [&](const std::string&) { ++otherHeard; });
+    auto otherToken = center->addObserver(uniqueName("other"), [&](const std::string&) { ++otherHeard; });
     ASSERT_NE(otherToken, nullptr);
 
     ChildProcess child(testing::childProgram("post"), {name, "5"});
-    EXPECT_EQ(readAllLines(child), std::vector<std::string>{"posted 5"})
-        << "the child logged a failure";
+    EXPECT_EQ(readAllLines(child), std::vector<std::string>{"posted 5"}) << "the child logged a failure";
     EXPECT_EQ(child.wait(), 0);
 
-    ASSERT_TRUE(driveMainQueueUntil([&] { return heard.size() >= 5; }))
-        << "heard " << heard.size() << " of 5 posts";
+    ASSERT_TRUE(driveMainQueueUntil([&] { return heard.size() >= 5; })) << "heard " << heard.size() << " of 5 posts";
     // A post of our own travels behind any duplicate of the child's posts on the observer's
     // connection; once it arrives, nothing of the child's is still in flight.
     center->post(name);
@@ -172,8 +168,7 @@ TEST(PlatformNotificationCenter, OwnPostsAreHeardUntilTheTokenIsDropped) {
     auto pendingBefore = MainQueue::main().pendingCount();
     center->post(name);
     auto giveUp = std::chrono::steady_clock::now() + watchdogTimeout;
-    while (MainQueue::main().pendingCount() < pendingBefore + 2 &&
-           std::chrono::steady_clock::now() < giveUp) {
+    while (MainQueue::main().pendingCount() < pendingBefore + 2 && std::chrono::steady_clock::now() < giveUp) {
         std::this_thread::sleep_for(1ms);
     }
     ASSERT_GE(MainQueue::main().pendingCount(), pendingBefore + 2);
@@ -203,14 +198,12 @@ TEST(PlatformNotificationCenter, PostIsASignalWithoutArgumentsOnTheSessionBus) {
     auto name = uniqueName("onTheWire");
     auto end = uniqueName("monitorEnd");
     auto rule = [](const std::string& member) { return "type='signal',member='" + member + "'"; };
-    ChildProcess monitor(*monitorProgram,
-                         {"--session", "--monitor", rule(ready), rule(name), rule(end)});
+    ChildProcess monitor(*monitorProgram, {"--session", "--monitor", rule(ready), rule(name), rule(end)});
     ChildWatchdog watchdog(monitor);
 
     auto endsWithMember = [](const std::string& line, const std::string& member) {
         std::string suffix = "member=" + member;
-        return line.size() >= suffix.size() &&
-               line.compare(line.size() - suffix.size(), suffix.size(), suffix) == 0;
+        return line.size() >= suffix.size() && line.compare(line.size() - suffix.size(), suffix.size(), suffix) == 0;
     };
 
     // The monitor is listening once it shows a post; until then keep posting.
@@ -243,11 +236,8 @@ TEST(PlatformNotificationCenter, PostIsASignalWithoutArgumentsOnTheSessionBus) {
     }
     ASSERT_TRUE(header.has_value()) << "dbus-monitor never showed the notice";
     EXPECT_EQ(header->rfind("signal ", 0), 0U) << *header;
-    EXPECT_NE(header->find("path=/org/notificationdb/DistributedNotificationCenter;"),
-              std::string::npos)
-        << *header;
-    EXPECT_NE(header->find("interface=org.notificationdb.DistributedNotificationCenter;"),
-              std::string::npos)
+    EXPECT_NE(header->find("path=/org/notificationdb/DistributedNotificationCenter;"), std::string::npos) << *header;
+    EXPECT_NE(header->find("interface=org.notificationdb.DistributedNotificationCenter;"), std::string::npos)
         << *header;
     EXPECT_NE(header->find("destination=(null destination)"), std::string::npos)
         << "a notice is a broadcast: " << *header;
@@ -270,8 +260,7 @@ TEST(PlatformNotificationCenter, PostWithoutBusLogsOnceAndGoesOn) {
     };
     std::vector<Case> cases{
         {"no bus address", std::nullopt, "ndbNoBus"},
-        {"bus address without a daemon",
-         "unix:path=" + (runtime.path() / "no-such-socket").string(), "ndbDeadBus"},
+        {"bus address without a daemon", "unix:path=" + (runtime.path() / "no-such-socket").string(), "ndbDeadBus"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.description);
@@ -285,10 +274,7 @@ TEST(PlatformNotificationCenter, PostWithoutBusLogsOnceAndGoesOn) {
         EXPECT_EQ(child->wait(), 0);
         ASSERT_EQ(lines.size(), 2U) << ::testing::PrintToString(lines);
         EXPECT_EQ(lines[0], "posted 3");
-        EXPECT_EQ(
-            lines[1].rfind(
-                "log error root: Unable to post distributed notification " + c.name + ": ", 0),
-            0U)
+        EXPECT_EQ(lines[1].rfind("log error root: Unable to post distributed notification " + c.name + ": ", 0), 0U)
             << lines[1];
     }
 }
@@ -300,15 +286,13 @@ TEST(PlatformNotificationCenter, InvalidNamesAreRefusedAndLogged) {
     EXPECT_EQ(child.wait(), 0);
     ASSERT_EQ(lines.size(), 2U) << ::testing::PrintToString(lines);
     EXPECT_EQ(lines[0], "posted 2");
-    EXPECT_EQ(
-        lines[1].rfind("log error root: Unable to post distributed notification not.a member: ", 0),
-        0U)
+    EXPECT_EQ(lines[1].rfind("log error root: Unable to post distributed notification not.a member: ", 0), 0U)
         << lines[1];
 
     LogCapture capture;
     auto center = makeDBusNotificationCenter();
-    for (const std::string& name : {std::string(), std::string("1starts_with_digit"),
-                                    std::string("has-dash"), std::string(256, 'a')}) {
+    for (const std::string& name :
+         {std::string(), std::string("1starts_with_digit"), std::string("has-dash"), std::string(256, 'a')}) {
         EXPECT_EQ(center->addObserver(name, [](const std::string&) {}), nullptr) << name;
     }
     EXPECT_EQ(capture.entries().size(), 4U);
@@ -328,16 +312,13 @@ TEST(PlatformNotificationCenter, AddObserverWithoutBusReturnsNullAndLogs) {
     }
     auto messages = capture.messages();
     ASSERT_EQ(messages.size(), 1U);
-    EXPECT_EQ(messages[0].rfind("Unable to observe distributed notification ndbNoBusObserver: ", 0),
-              0U)
-        << messages[0];
+    EXPECT_EQ(messages[0].rfind("Unable to observe distributed notification ndbNoBusObserver: ", 0), 0U) << messages[0];
 }
 
 class RecordingCenter final : public DistributedNotificationCenter {
 public:
     void post(const std::string& name) override { posted.push_back(name); }
-    std::unique_ptr<ObserverToken> addObserver(const std::string& /*name*/,
-                                               Handler /*handler*/) override {
+    std::unique_ptr<ObserverToken> addObserver(const std::string& /*name*/, Handler /*handler*/) override {
         return nullptr;
     }
     std::vector<std::string> posted;

@@ -55,8 +55,7 @@ protected:
 
 void expectSameFields(const NotificationModel& actual, const NotificationModel& expected) {
     EXPECT_EQ(actual.customerId(), expected.customerId());
-    EXPECT_EQ(actual.createdDate,
-              std::chrono::floor<std::chrono::milliseconds>(expected.createdDate));
+    EXPECT_EQ(actual.createdDate, std::chrono::floor<std::chrono::milliseconds>(expected.createdDate));
     EXPECT_EQ(actual.version, expected.version);
     EXPECT_EQ(actual.analyticsTag, expected.analyticsTag);
     EXPECT_EQ(actual.title, expected.title);
@@ -85,40 +84,36 @@ const std::string kInsertNotification =
 // back), and reads back through the store unchanged.
 TEST_F(RecordStore, EveryFieldIsStoredInItsStorageFormAndReadsBack) {
     const Bytes payload{0x00, 0x41, 0x00, 0xFF, 0x80, 0x7F, 0x00};
-    const NotificationModel full(std::nullopt, "customer-1", at("2024-03-05 17:04:09.250") + 400us,
-                                 "1.2.3", std::string(NotificationModel::unusedAppsAnalyticsTag),
-                                 "", "Body", "https://example.com/banner.png?a=1&b=é", true, 42,
-                                 NotificationStatus::read, NotificationKind::vantroUpdate);
+    const NotificationModel full(std::nullopt, "customer-1", at("2024-03-05 17:04:09.250") + 400us, "1.2.3",
+                                 std::string(NotificationModel::unusedAppsAnalyticsTag), "", "Body",
+                                 "https://example.com/banner.png?a=1&b=é", true, 42, NotificationStatus::read,
+                                 NotificationKind::vantroUpdate);
     const NotificationButton fullButton(std::nullopt, "button-1", "Open", true, std::nullopt,
                                         UserActionKind::openVantro, payload);
-    const NotificationModel bare(std::nullopt, std::nullopt, at("2024-03-05"), "", "", std::nullopt,
-                                 std::nullopt, std::nullopt, false, std::nullopt,
-                                 NotificationStatus::new_, NotificationKind::default_);
-    const NotificationButton bareButton(std::nullopt, std::nullopt, std::nullopt, false,
-                                        std::nullopt, std::nullopt, std::nullopt);
-    const NotificationModel third(std::nullopt, "", at("1969-07-20 20:17:40.000"), "2.0", "tag",
-                                  "Title", "", "", false, -7, NotificationStatus::shown,
-                                  NotificationKind::ai);
-    const NotificationButton thirdButton(std::nullopt, "", "", true, std::nullopt,
-                                         UserActionKind::refreshInstalledApps, Bytes{});
+    const NotificationModel bare(std::nullopt, std::nullopt, at("2024-03-05"), "", "", std::nullopt, std::nullopt,
+                                 std::nullopt, false, std::nullopt, NotificationStatus::new_,
+                                 NotificationKind::default_);
+    const NotificationButton bareButton(std::nullopt, std::nullopt, std::nullopt, false, std::nullopt, std::nullopt,
+                                        std::nullopt);
+    const NotificationModel third(std::nullopt, "", at("1969-07-20 20:17:40.000"), "2.0", "tag", "Title", "", "", false,
+                                  -7, NotificationStatus::shown, NotificationKind::ai);
+    const NotificationButton thirdButton(std::nullopt, "", "", true, std::nullopt, UserActionKind::refreshInstalledApps,
+                                         Bytes{});
     store->save({full, fullButton});
     store->save({bare, bareButton});
     store->save({third, thirdButton});
     EXPECT_TRUE(log.messages().empty());
 
-    EXPECT_EQ(
-        raw.query(
-            "SELECT id, customerId, typeof(customerId), createdDate, typeof(createdDate), version, "
-            "analyticsTag, title, typeof(title), body, bannerUrl, isMarketing, "
-            "typeof(isMarketing), appId, "
-            "status, notificationKind FROM notification ORDER BY id"),
-        (Rows{{"1", "customer-1", "text", "2024-03-05 17:04:09.250", "text", "1.2.3", "unusedApps",
-               "", "text", "Body", "https://example.com/banner.png?a=1&b=é", "1", "integer", "42",
-               "2", "3"},
-              {"2", "NULL", "null", "2024-03-05 00:00:00.000", "text", "", "", "NULL", "null",
-               "NULL", "NULL", "0", "integer", "NULL", "0", "0"},
-              {"3", "", "text", "1969-07-20 20:17:40.000", "text", "2.0", "tag", "Title", "text",
-               "", "", "0", "integer", "-7", "1", "4"}}));
+    EXPECT_EQ(raw.query("SELECT id, customerId, typeof(customerId), createdDate, typeof(createdDate), version, "
+                        "analyticsTag, title, typeof(title), body, bannerUrl, isMarketing, "
+                        "typeof(isMarketing), appId, "
+                        "status, notificationKind FROM notification ORDER BY id"),
+              (Rows{{"1", "customer-1", "text", "2024-03-05 17:04:09.250", "text", "1.2.3", "unusedApps", "", "text",
+                     "Body", "https://example.com/banner.png?a=1&b=é", "1", "integer", "42", "2", "3"},
+                    {"2", "NULL", "null", "2024-03-05 00:00:00.000", "text", "", "", "NULL", "null", "NULL", "NULL",
+                     "0", "integer", "NULL", "0", "0"},
+                    {"3", "", "text", "1969-07-20 20:17:40.000", "text", "2.0", "tag", "Title", "text", "", "", "0",
+                     "integer", "-7", "1", "4"}}));
     EXPECT_EQ(raw.query("SELECT id, buttonId, title, typeof(title), visible, notificationId, "
                         "actionKind, userAction, "
                         "typeof(userAction) FROM notificationButton ORDER BY id"),
@@ -158,8 +153,7 @@ TEST_F(RecordStore, ReadsEveryAcceptedFormOfAColumn) {
     ASSERT_EQ(fetched.size(), 5U);
     EXPECT_TRUE(log.messages().empty());
     std::map<std::int64_t, NotificationModelInfo> byID;
-    for (const auto& info : fetched)
-        byID.emplace(info.notification.id().value(), info);
+    for (const auto& info : fetched) byID.emplace(info.notification.id().value(), info);
     ASSERT_EQ(byID.size(), 5U);
     const NotificationModelInfo& first = byID.at(1);
     EXPECT_EQ(first.notification.createdDate, at("2024-03-05 17:04:09.250"));
@@ -185,22 +179,15 @@ TEST_F(RecordStore, ARowThatCannotBeReadFailsTheWholeRead) {
     const std::vector<BadRow> badRows{
         {kInsertNotification + "(2, 'c', '2024-03-05', 'v', 't', 0, NULL, 3, 0)", "status"},
         {kInsertNotification + "(2, 'c', '2024-03-05', 'v', 't', 0, NULL, -1, 0)", "status"},
-        {kInsertNotification + "(2, 'c', '2024-03-05', 'v', 't', 0, NULL, 0, 7)",
-         "notificationKind"},
-        {kInsertNotification + "(2, 'c', '2024-03-05', 'v', 't', 0, NULL, 0, -1)",
-         "notificationKind"},
+        {kInsertNotification + "(2, 'c', '2024-03-05', 'v', 't', 0, NULL, 0, 7)", "notificationKind"},
+        {kInsertNotification + "(2, 'c', '2024-03-05', 'v', 't', 0, NULL, 0, -1)", "notificationKind"},
         {kInsertNotification + "(2, 'c', 'yesterday', 'v', 't', 0, NULL, 0, 0)", "createdDate"},
-        {kInsertNotification + "(2, 'c', '2024-02-30 10:00:00.000', 'v', 't', 0, NULL, 0, 0)",
-         "createdDate"},
-        {kInsertNotification + "(2, 'c', '2024-03-05 10:00:00.000Z', 'v', 't', 0, NULL, 0, 0)",
-         "createdDate"},
+        {kInsertNotification + "(2, 'c', '2024-02-30 10:00:00.000', 'v', 't', 0, NULL, 0, 0)", "createdDate"},
+        {kInsertNotification + "(2, 'c', '2024-03-05 10:00:00.000Z', 'v', 't', 0, NULL, 0, 0)", "createdDate"},
         {kInsertNotification + "(2, 'c', x'00', 'v', 't', 0, NULL, 0, 0)", "createdDate"},
-        {"INSERT INTO notificationButton (visible, notificationId, actionKind) VALUES (1, 1, 9)",
-         "actionKind"},
-        {"INSERT INTO notificationButton (visible, notificationId, actionKind) VALUES (1, 1, -1)",
-         "actionKind"},
-        {"INSERT INTO notificationButton (visible, notificationId, actionKind) VALUES (1, 1, 7)",
-         "actionKind"},
+        {"INSERT INTO notificationButton (visible, notificationId, actionKind) VALUES (1, 1, 9)", "actionKind"},
+        {"INSERT INTO notificationButton (visible, notificationId, actionKind) VALUES (1, 1, -1)", "actionKind"},
+        {"INSERT INTO notificationButton (visible, notificationId, actionKind) VALUES (1, 1, 7)", "actionKind"},
     };
     for (const auto& bad : badRows) {
         SCOPED_TRACE(bad.sql);
@@ -220,8 +207,7 @@ TEST_F(RecordStore, ARowThatCannotBeReadFailsTheWholeRead) {
 
 // Reads a `Record` from the one row of `sql`; a failure leaves the column it names in `failed`.
 template <class Record>
-std::optional<Record> readOneRow(DatabasePool& pool, const std::string& sql,
-                                 std::string* failed = nullptr) {
+std::optional<Record> readOneRow(DatabasePool& pool, const std::string& sql, std::string* failed = nullptr) {
     try {
         return pool.read([&](Connection& connection) {
             auto statement = connection.makeStatement(sql);
@@ -229,8 +215,7 @@ std::optional<Record> readOneRow(DatabasePool& pool, const std::string& sql,
             return readRecord<Record>(statement->row());
         });
     } catch (const RecordDecodingError& error) {
-        if (failed)
-            *failed = error.column();
+        if (failed) *failed = error.column();
         return std::nullopt;
     }
 }
@@ -282,8 +267,7 @@ TEST_F(RecordStore, RowsAreReadByNameAndRequiredColumnsMustHoldAValue) {
     EXPECT_EQ(button->id(), std::nullopt);
     EXPECT_EQ(button->actionKind, std::nullopt);
     EXPECT_EQ(button->userAction, std::nullopt);
-    for (const std::string sql :
-         {"SELECT 1 AS id, NULL AS visible", "SELECT 1 AS id, 5 AS actionKind"}) {
+    for (const std::string sql : {"SELECT 1 AS id, NULL AS visible", "SELECT 1 AS id, 5 AS actionKind"}) {
         std::string failed;
         EXPECT_FALSE(readOneRow<NotificationButton>(pool, sql, &failed)) << sql;
         EXPECT_EQ(failed, "visible") << sql;
@@ -292,14 +276,10 @@ TEST_F(RecordStore, RowsAreReadByNameAndRequiredColumnsMustHoldAValue) {
 
 // Strict construction knows only the cases; the lenient one always yields a case.
 TEST(RecordEnumerations, StrictAndLenientConstruction) {
-    for (std::int64_t raw : {0, 1, 2})
-        EXPECT_EQ(rawValue(*fromRawValue<NotificationStatus>(raw)), raw);
-    for (std::int64_t raw : {3, -1, -5})
-        EXPECT_EQ(fromRawValue<NotificationStatus>(raw), std::nullopt);
-    for (std::int64_t raw : {0, 1, 2, 3, 4})
-        EXPECT_EQ(rawValue(*fromRawValue<NotificationKind>(raw)), raw);
-    for (std::int64_t raw : {5, -1, 7})
-        EXPECT_EQ(fromRawValue<NotificationKind>(raw), std::nullopt);
+    for (std::int64_t raw : {0, 1, 2}) EXPECT_EQ(rawValue(*fromRawValue<NotificationStatus>(raw)), raw);
+    for (std::int64_t raw : {3, -1, -5}) EXPECT_EQ(fromRawValue<NotificationStatus>(raw), std::nullopt);
+    for (std::int64_t raw : {0, 1, 2, 3, 4}) EXPECT_EQ(rawValue(*fromRawValue<NotificationKind>(raw)), raw);
+    for (std::int64_t raw : {5, -1, 7}) EXPECT_EQ(fromRawValue<NotificationKind>(raw), std::nullopt);
     for (std::int64_t raw = 0; raw <= 6; ++raw) {
         EXPECT_EQ(rawValue(*fromRawValue<UserActionKind>(raw)), raw);
         EXPECT_EQ(makeUserActionKind(raw), fromRawValue<UserActionKind>(raw));
@@ -325,9 +305,9 @@ TEST(RecordEnumerations, StrictAndLenientConstruction) {
 // The insert hook gives each inserted copy its own new id; a failed insert leaves the id absent.
 TEST_F(RecordStore, InsertingGivesEachCopyItsOwnId) {
     DatabasePool pool(file, Configuration{});
-    const NotificationModel original(std::nullopt, "c", at("2024-03-05"), "1.0", "tag", "first",
-                                     std::nullopt, std::nullopt, false, std::nullopt,
-                                     NotificationStatus::new_, NotificationKind::newApp);
+    const NotificationModel original(std::nullopt, "c", at("2024-03-05"), "1.0", "tag", "first", std::nullopt,
+                                     std::nullopt, false, std::nullopt, NotificationStatus::new_,
+                                     NotificationKind::newApp);
     auto inserted = pool.write([&](Connection& connection) {
         NotificationModel a = original;
         insertRecord(connection, a);
@@ -344,8 +324,7 @@ TEST_F(RecordStore, InsertingGivesEachCopyItsOwnId) {
     EXPECT_EQ(raw.query("SELECT id FROM notification ORDER BY id"),
               (Rows{{std::to_string(*first.id())}, {std::to_string(*second.id())}}));
 
-    NotificationButton orphan(std::nullopt, "b", "Open", true, 999, UserActionKind::openApp,
-                              Bytes{1});
+    NotificationButton orphan(std::nullopt, "b", "Open", true, 999, UserActionKind::openApp, Bytes{1});
     try {
         pool.write([&](Connection& connection) { insertRecord(connection, orphan); });
         ADD_FAILURE() << "a button of no notification was inserted";
@@ -360,11 +339,11 @@ TEST_F(RecordStore, InsertingGivesEachCopyItsOwnId) {
 // that found no button gives none, while a button whose optional columns are all NULL is still a
 // button.
 TEST_F(RecordStore, JoinedRowsKeepTheTwoRecordsApart) {
-    const NotificationModel notification(
-        7, "c", at("2024-03-05"), "1.0", "tag", "notification title", std::nullopt, std::nullopt,
-        false, std::nullopt, NotificationStatus::new_, NotificationKind::default_);
-    store->save({notification, NotificationButton(3, "b", "button title", true, std::nullopt,
-                                                  UserActionKind::openLink, Bytes{9})});
+    const NotificationModel notification(7, "c", at("2024-03-05"), "1.0", "tag", "notification title", std::nullopt,
+                                         std::nullopt, false, std::nullopt, NotificationStatus::new_,
+                                         NotificationKind::default_);
+    store->save({notification,
+                 NotificationButton(3, "b", "button title", true, std::nullopt, UserActionKind::openLink, Bytes{9})});
     raw.execute(kInsertNotification +
                 "(8, 'c', '2024-03-04', 'v', 't', 0, NULL, 0, 0),"
                 "(9, 'c', '2024-03-03', 'v', 't', 0, NULL, 0, 0)");
@@ -397,14 +376,12 @@ TEST_F(RecordStore, JoinedRowsKeepTheTwoRecordsApart) {
 // Pairs are the same pair exactly when their notifications have the same id, so a set of
 // pairs keeps one entry per notification whatever else differs.
 TEST_F(RecordStore, PairsAreIdentifiedByTheirNotificationsId) {
-    const auto make = [](std::optional<std::int64_t> id, std::string title,
-                         NotificationStatus status, std::optional<std::int64_t> buttonId) {
-        NotificationModel notification(id, "c", at("2024-03-05"), "1.0", "tag", std::move(title),
-                                       std::nullopt, std::nullopt, false, std::nullopt, status,
-                                       NotificationKind::default_);
+    const auto make = [](std::optional<std::int64_t> id, std::string title, NotificationStatus status,
+                         std::optional<std::int64_t> buttonId) {
+        NotificationModel notification(id, "c", at("2024-03-05"), "1.0", "tag", std::move(title), std::nullopt,
+                                       std::nullopt, false, std::nullopt, status, NotificationKind::default_);
         std::optional<NotificationButton> button;
-        if (buttonId)
-            button.emplace(buttonId, "b", "t", true, id, UserActionKind::openApp, std::nullopt);
+        if (buttonId) button.emplace(buttonId, "b", "t", true, id, UserActionKind::openApp, std::nullopt);
         return NotificationModelInfo(std::move(notification), std::move(button));
     };
     const auto one = make(1, "one", NotificationStatus::new_, std::nullopt);
@@ -441,9 +418,8 @@ TEST_F(RecordStore, PairsAreIdentifiedByTheirNotificationsId) {
 template <class Record>
 void expectFieldsMatchTable(const testing::RawDatabase& raw) {
     const auto& fields = RecordCoding<Record>::fields;
-    const auto columns =
-        raw.query("SELECT name, \"notnull\" FROM pragma_table_info('" +
-                  std::string(RecordCoding<Record>::tableName) + "') ORDER BY cid");
+    const auto columns = raw.query("SELECT name, \"notnull\" FROM pragma_table_info('" +
+                                   std::string(RecordCoding<Record>::tableName) + "') ORDER BY cid");
     ASSERT_EQ(columns.size(), fields.size());
     for (std::size_t i = 0; i < fields.size(); ++i) {
         SCOPED_TRACE(std::string(fields[i].name));
@@ -459,9 +435,9 @@ TEST_F(RecordStore, KeyedCodingFollowsTheTables) {
     expectFieldsMatchTable<NotificationModel>(raw);
     expectFieldsMatchTable<NotificationButton>(raw);
 
-    const NotificationModel notification(12, std::nullopt, at("2024-03-05 17:04:09.250"), "1.0",
-                                         "tag", "", "body", std::nullopt, true, 33,
-                                         NotificationStatus::shown, NotificationKind::appUpdate);
+    const NotificationModel notification(12, std::nullopt, at("2024-03-05 17:04:09.250"), "1.0", "tag", "", "body",
+                                         std::nullopt, true, 33, NotificationStatus::shown,
+                                         NotificationKind::appUpdate);
     auto values = encodeRecord(notification);
     EXPECT_EQ(std::get<std::int64_t>(values[10]), 1);
     EXPECT_TRUE(std::holds_alternative<std::monostate>(values[1]));
@@ -469,8 +445,7 @@ TEST_F(RecordStore, KeyedCodingFollowsTheTables) {
     EXPECT_EQ(decoded.id(), 12);
     expectSameFields(decoded, notification);
 
-    const NotificationButton button(4, std::nullopt, "t", false, 12, UserActionKind::openCollection,
-                                    Bytes{0, 255});
+    const NotificationButton button(4, std::nullopt, "t", false, 12, UserActionKind::openCollection, Bytes{0, 255});
     auto buttonValues = encodeRecord(button);
     const NotificationButton decodedButton = RecordCoding<NotificationButton>::decode(buttonValues);
     EXPECT_EQ(decodedButton.id(), 4);
@@ -479,14 +454,14 @@ TEST_F(RecordStore, KeyedCodingFollowsTheTables) {
 
     values = encodeRecord(notification);
     values[3] = std::monostate{};
-    const auto missingVersion = testing::caught<RecordDecodingError>(
-        [&] { RecordCoding<NotificationModel>::decode(values); });
+    const auto missingVersion =
+        testing::caught<RecordDecodingError>([&] { RecordCoding<NotificationModel>::decode(values); });
     ASSERT_TRUE(missingVersion.has_value());
     EXPECT_EQ(missingVersion->column(), "version");
     buttonValues = encodeRecord(button);
     buttonValues[3] = std::monostate{};
-    const auto missingVisible = testing::caught<RecordDecodingError>(
-        [&] { RecordCoding<NotificationButton>::decode(buttonValues); });
+    const auto missingVisible =
+        testing::caught<RecordDecodingError>([&] { RecordCoding<NotificationButton>::decode(buttonValues); });
     ASSERT_TRUE(missingVisible.has_value());
     EXPECT_EQ(missingVisible->column(), "visible");
     buttonValues = encodeRecord(button);

@@ -268,8 +268,9 @@ TEST_F(SchemaTest, LaterRunsExecuteNoCreateStatement) {
 TEST_F(SchemaTest, ExistingTablesStayAsTheyAreAndMissingOnesAreAdded) {
     {
         RawDatabase raw(path);
-        raw.execute("CREATE TABLE \"Notification\" (id INTEGER PRIMARY KEY, version TEXT);"
-                    "INSERT INTO \"Notification\" VALUES (7, 'kept')");
+        raw.execute(
+            "CREATE TABLE \"Notification\" (id INTEGER PRIMARY KEY, version TEXT);"
+            "INSERT INTO \"Notification\" VALUES (7, 'kept')");
     }
     const Rows before = master();
 
@@ -313,11 +314,11 @@ TEST_F(SchemaTest, ConstraintsHoldOnTheLibrarysConnections) {
     };
     // Column, a value, and whether NULL is refused there.
     const std::vector<std::tuple<std::string, std::string, bool>> columns = {
-        {"customerId", "'c'", false}, {"createdDate", "'2024-03-05 17:04:09.250'", true},
-        {"version", "'1.0'", true},   {"analyticsTag", "'tag'", true},
-        {"title", "'t'", false},      {"body", "'b'", false},
-        {"bannerUrl", "'u'", false},  {"isMarketing", "0", true},
-        {"appId", "7", false},        {"status", "0", true},
+        {"customerId", "'c'", false},   {"createdDate", "'2024-03-05 17:04:09.250'", true},
+        {"version", "'1.0'", true},     {"analyticsTag", "'tag'", true},
+        {"title", "'t'", false},        {"body", "'b'", false},
+        {"bannerUrl", "'u'", false},    {"isMarketing", "0", true},
+        {"appId", "7", false},          {"status", "0", true},
         {"notificationKind", "1", true}};
     // An INSERT with NULL in the column `nullColumn` names, or in every optional one ("optional").
     auto insert = [&](const std::string& nullColumn) {

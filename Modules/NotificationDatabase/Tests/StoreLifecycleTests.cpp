@@ -52,7 +52,9 @@ private:
 
 // Routes the main queue's jobs to `scheduler` for the lifetime of the object.
 struct InstalledScheduler {
-    explicit InstalledScheduler(MainQueue::Scheduler scheduler) { MainQueue::main().setScheduler(std::move(scheduler)); }
+    explicit InstalledScheduler(MainQueue::Scheduler scheduler) {
+        MainQueue::main().setScheduler(std::move(scheduler));
+    }
     ~InstalledScheduler() { MainQueue::main().setScheduler({}); }
 };
 
@@ -75,7 +77,8 @@ NotificationModelInfo makeInfo(int n, bool withButton = false) {
                                    "1." + std::to_string(n), "tag", "title", "body", std::nullopt, false, n,
                                    NotificationStatus::new_, NotificationKind::newApp);
     std::optional<NotificationButton> button;
-    if (withButton) button.emplace(std::nullopt, "button", "Open", true, std::nullopt, UserActionKind::openApp, std::nullopt);
+    if (withButton)
+        button.emplace(std::nullopt, "button", "Open", true, std::nullopt, UserActionKind::openApp, std::nullopt);
     return {std::move(notification), std::move(button)};
 }
 
@@ -195,8 +198,9 @@ TEST_F(StoreLifecycleTest, EveryCommittedChangeOfNotificationsPostsOneNotice) {
     EXPECT_EQ(MainQueue::main().pendingCount(), 0U) << "a button-only change was announced";
 
     // The notification row goes in, its button is refused, and the whole save rolls back.
-    raw.execute("CREATE TRIGGER refuseButtons BEFORE INSERT ON notificationButton "
-                "BEGIN SELECT RAISE(ABORT, 'buttons refused'); END");
+    raw.execute(
+        "CREATE TRIGGER refuseButtons BEFORE INSERT ON notificationButton "
+        "BEGIN SELECT RAISE(ABORT, 'buttons refused'); END");
     store->save(makeInfo(4, true));
     raw.execute("DROP TRIGGER refuseButtons");
     EXPECT_EQ(store->notificationsCount(), 3);
@@ -264,8 +268,8 @@ TEST_F(StoreLifecycleTest, AnotherProcesssSavesAreHeardOnTheSessionBus) {
     }
     DistributedNotificationCenter::setDefaultCenter(nullptr);
     std::atomic<int> heard{0};
-    auto token = DistributedNotificationCenter::defaultCenter()->addObserver(
-        databaseUpdated(), [&](const std::string& name) {
+    auto token =
+        DistributedNotificationCenter::defaultCenter()->addObserver(databaseUpdated(), [&](const std::string& name) {
             if (name == "databaseUpdatedNotification") ++heard;
         });
     ASSERT_NE(token, nullptr);

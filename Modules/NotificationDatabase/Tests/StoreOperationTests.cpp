@@ -35,12 +35,9 @@ Timestamp at(std::string_view text) {
     return parseDateText(text).value();
 }
 
-NotificationModel note(std::optional<std::int64_t> id,
-                       NotificationKind kind = NotificationKind::default_,
-                       std::optional<std::string> customer = "customer",
-                       std::string version = "1.0",
-                       std::optional<std::int64_t> appId = std::nullopt,
-                       Timestamp created = at("2024-03-05"),
+NotificationModel note(std::optional<std::int64_t> id, NotificationKind kind = NotificationKind::default_,
+                       std::optional<std::string> customer = "customer", std::string version = "1.0",
+                       std::optional<std::int64_t> appId = std::nullopt, Timestamp created = at("2024-03-05"),
                        std::optional<std::string> title = "title") {
     return {id,
             std::move(customer),
@@ -56,10 +53,8 @@ NotificationModel note(std::optional<std::int64_t> id,
             kind};
 }
 
-NotificationButton button(std::optional<std::int64_t> id = std::nullopt,
-                          std::string title = "Open") {
-    return {id,         "button", std::move(title), true, std::nullopt, UserActionKind::openApp,
-            Bytes{1, 2}};
+NotificationButton button(std::optional<std::int64_t> id = std::nullopt, std::string title = "Open") {
+    return {id, "button", std::move(title), true, std::nullopt, UserActionKind::openApp, Bytes{1, 2}};
 }
 
 // Keeps the store's change notices off the process's main queue while a test runs.
@@ -86,8 +81,7 @@ protected:
     }
     // The messages logged since the last call, each of which must be at the error level.
     std::vector<std::string> takeMessages() {
-        for (const auto& entry : log.entries())
-            EXPECT_EQ(entry.level, LogLevel::error) << entry.message;
+        for (const auto& entry : log.entries()) EXPECT_EQ(entry.level, LogLevel::error) << entry.message;
         auto messages = log.messages();
         log.clear();
         return messages;
@@ -104,8 +98,7 @@ protected:
 
 std::vector<std::int64_t> idsOf(const std::vector<NotificationModelInfo>& infos) {
     std::vector<std::int64_t> ids;
-    for (const auto& info : infos)
-        ids.push_back(info.notification.id().value_or(-1));
+    for (const auto& info : infos) ids.push_back(info.notification.id().value_or(-1));
     return ids;
 }
 
@@ -114,9 +107,8 @@ std::vector<std::int64_t> idsOf(const std::vector<NotificationModelInfo>& infos)
 TEST_F(StoreOperations, SaveKeepsGivenIdsAndSkipsStoredOnes) {
     store->save({note(5, NotificationKind::appUpdate), button(std::nullopt, "first")});
     const Rows before = everything();
-    store->save(
-        {note(5, NotificationKind::default_, "someone else", "2.0", 3, at("2025-01-01"), "changed"),
-         button(1, "replaced")});
+    store->save({note(5, NotificationKind::default_, "someone else", "2.0", 3, at("2025-01-01"), "changed"),
+                 button(1, "replaced")});
     store->save({note(5)});
     EXPECT_EQ(everything(), before);
 
@@ -130,9 +122,8 @@ TEST_F(StoreOperations, SaveKeepsGivenIdsAndSkipsStoredOnes) {
     EXPECT_EQ(idLess.actionButton->notificationId, 12345);
     store->save({note(kMaxID), button()});
 
-    EXPECT_EQ(
-        raw.query("SELECT notificationId, id FROM notificationButton ORDER BY id"),
-        (Rows{{"5", "1"}, {"9", "2"}, {"-3", "3"}, {"10", "4"}, {std::to_string(kMaxID), "5"}}));
+    EXPECT_EQ(raw.query("SELECT notificationId, id FROM notificationButton ORDER BY id"),
+              (Rows{{"5", "1"}, {"9", "2"}, {"-3", "3"}, {"10", "4"}, {std::to_string(kMaxID), "5"}}));
     EXPECT_THAT(idsOf(store->fetchNotifications(NotificationIDs{-3, kMaxID, 10, 4})),
                 UnorderedElementsAre(-3, kMaxID, 10));
     EXPECT_TRUE(takeMessages().empty());
@@ -150,8 +141,7 @@ TEST_F(StoreOperations, SaveSkipsContentDuplicatesOfStoredNotifications) {
     const std::nullopt_t none = std::nullopt;
 
     EXPECT_TRUE(stores(note(none, K::default_, "c1", "v1", 1)));
-    EXPECT_TRUE(stores(note(none, K::default_, "c1", "v1", 1)))
-        << "default notifications are never duplicates";
+    EXPECT_TRUE(stores(note(none, K::default_, "c1", "v1", 1))) << "default notifications are never duplicates";
     EXPECT_TRUE(stores(note(none, K::newApp, "c1", "v1", 10)));
     raw.execute("UPDATE notification SET status = 2 WHERE notificationKind = 1");
     EXPECT_FALSE(stores(note(none, K::newApp, "c1", "v1", 10, at("2025-01-01"), "another title")));
@@ -159,10 +149,8 @@ TEST_F(StoreOperations, SaveSkipsContentDuplicatesOfStoredNotifications) {
     EXPECT_TRUE(stores(note(none, K::appUpdate, "c1", "v1", 10)));
     EXPECT_FALSE(stores(note(none, K::newApp, "c1", "v1", none))) << "no app matches any app";
     EXPECT_TRUE(stores(note(none, K::newApp, "c1", "v1", 11)));
-    EXPECT_TRUE(stores(note(none, K::newApp, "c1", "V1", 10)))
-        << "versions compare case-sensitively";
-    EXPECT_TRUE(stores(note(none, K::newApp, "C1", "v1", 10)))
-        << "customers compare case-sensitively";
+    EXPECT_TRUE(stores(note(none, K::newApp, "c1", "V1", 10))) << "versions compare case-sensitively";
+    EXPECT_TRUE(stores(note(none, K::newApp, "C1", "v1", 10))) << "customers compare case-sensitively";
 
     EXPECT_TRUE(stores(note(none, K::ai, "c2", "v1", none)));
     EXPECT_FALSE(stores(note(none, K::ai, "c2", "v1", none))) << "no app matches a NULL app";
@@ -170,15 +158,11 @@ TEST_F(StoreOperations, SaveSkipsContentDuplicatesOfStoredNotifications) {
     EXPECT_FALSE(stores(note(none, K::ai, "c2", "v1", 5)));
 
     EXPECT_TRUE(stores(note(none, K::vantroUpdate, none, "v2", none)));
-    EXPECT_FALSE(stores(note(none, K::vantroUpdate, none, "v2", none)))
-        << "no customer matches a NULL customer";
-    EXPECT_TRUE(stores(note(none, K::vantroUpdate, "c1", "v2", none)))
-        << "a customer never matches NULL";
+    EXPECT_FALSE(stores(note(none, K::vantroUpdate, none, "v2", none))) << "no customer matches a NULL customer";
+    EXPECT_TRUE(stores(note(none, K::vantroUpdate, "c1", "v2", none))) << "a customer never matches NULL";
     EXPECT_TRUE(stores(note(none, K::appUpdate, "c3", "v3", none)));
-    EXPECT_TRUE(stores(note(none, K::appUpdate, none, "v3", none)))
-        << "no customer matches only NULL";
-    EXPECT_TRUE(stores(note(none, K::appUpdate, "", "v3", none)))
-        << "an empty customer is not NULL";
+    EXPECT_TRUE(stores(note(none, K::appUpdate, none, "v3", none))) << "no customer matches only NULL";
+    EXPECT_TRUE(stores(note(none, K::appUpdate, "", "v3", none))) << "an empty customer is not NULL";
     EXPECT_FALSE(stores(note(none, K::appUpdate, "", "v3", none)));
 
     // The first of two equivalent notifications stays, whether it is the older or the newer one.
@@ -186,30 +170,24 @@ TEST_F(StoreOperations, SaveSkipsContentDuplicatesOfStoredNotifications) {
     EXPECT_FALSE(stores(note(none, K::newApp, "a", "1", 1, at("2024-02-01"), "newer")));
     EXPECT_TRUE(stores(note(none, K::newApp, "b", "1", 1, at("2024-02-01"), "newer")));
     EXPECT_FALSE(stores(note(none, K::newApp, "b", "1", 1, at("2024-01-01"), "older")));
-    EXPECT_EQ(
-        raw.query(
-            "SELECT customerId, title FROM notification WHERE version = '1' ORDER BY customerId"),
-        (Rows{{"a", "older"}, {"b", "newer"}}));
+    EXPECT_EQ(raw.query("SELECT customerId, title FROM notification WHERE version = '1' ORDER BY customerId"),
+              (Rows{{"a", "older"}, {"b", "newer"}}));
 
-    EXPECT_EQ(count("notificationButton"), count("notification"))
-        << "a skipped notification's button is not written";
+    EXPECT_EQ(count("notificationButton"), count("notification")) << "a skipped notification's button is not written";
     EXPECT_TRUE(takeMessages().empty());
 }
 
 // A button that names an existing button row takes that row over for its new notification;
 // one that names no row is inserted under its id.
 TEST_F(StoreOperations, SaveWritesTheButtonByItsId) {
-    store->save(
-        {note(std::nullopt), NotificationButton(std::nullopt, "a", "A's", true, std::nullopt,
-                                                UserActionKind::openBlogArticle, Bytes{7})});
-    store->save({note(std::nullopt),
-                 NotificationButton(1, "b", "B's", false, 1, std::nullopt, std::nullopt)});
+    store->save({note(std::nullopt), NotificationButton(std::nullopt, "a", "A's", true, std::nullopt,
+                                                        UserActionKind::openBlogArticle, Bytes{7})});
+    store->save({note(std::nullopt), NotificationButton(1, "b", "B's", false, 1, std::nullopt, std::nullopt)});
     store->save({note(std::nullopt), button(77)});
     store->save({note(std::nullopt)});
 
     EXPECT_EQ(raw.query("SELECT * FROM notificationButton ORDER BY id"),
-              (Rows{{"1", "b", "B's", "0", "2", "NULL", "NULL"},
-                    {"77", "button", "Open", "1", "3", "1", "x'0102'"}}));
+              (Rows{{"1", "b", "B's", "0", "2", "NULL", "NULL"}, {"77", "button", "Open", "1", "3", "1", "x'0102'"}}));
     const auto fetched = store->fetchNotifications(NotificationIDs{1, 4});
     ASSERT_EQ(fetched.size(), 2U);
     EXPECT_EQ(fetched[0].actionButton, std::nullopt);
@@ -249,14 +227,9 @@ TEST_F(StoreOperations, AFailingSaveLeavesNothingBehind) {
 // The list is newest first, one entry per joined row, limited to the given ids when a set is
 // given; an empty set selects nothing.
 TEST_F(StoreOperations, FetchListsNewestFirstAndHonoursTheIdSet) {
-    store->save(
-        {note(std::nullopt, NotificationKind::default_, "c", "1", std::nullopt, at("2024-03-01")),
-         button()});
-    store->save(
-        {note(std::nullopt, NotificationKind::default_, "c", "1", std::nullopt, at("2024-03-03"))});
-    store->save(
-        {note(std::nullopt, NotificationKind::default_, "c", "1", std::nullopt, at("2024-03-02")),
-         button()});
+    store->save({note(std::nullopt, NotificationKind::default_, "c", "1", std::nullopt, at("2024-03-01")), button()});
+    store->save({note(std::nullopt, NotificationKind::default_, "c", "1", std::nullopt, at("2024-03-03"))});
+    store->save({note(std::nullopt, NotificationKind::default_, "c", "1", std::nullopt, at("2024-03-02")), button()});
     raw.execute("INSERT INTO notificationButton (id, visible, notificationId) VALUES (9, 0, 1)");
 
     const auto all = store->fetchNotifications(std::nullopt);
@@ -266,8 +239,7 @@ TEST_F(StoreOperations, FetchListsNewestFirstAndHonoursTheIdSet) {
     EXPECT_THAT((std::vector<std::int64_t>{*all[2].actionButton->id(), *all[3].actionButton->id()}),
                 UnorderedElementsAre(1, 9));
 
-    EXPECT_THAT(idsOf(store->fetchNotifications(NotificationIDs{1, 3, 999, -1})),
-                ElementsAre(3, 1, 1));
+    EXPECT_THAT(idsOf(store->fetchNotifications(NotificationIDs{1, 3, 999, -1})), ElementsAre(3, 1, 1));
     EXPECT_THAT(idsOf(store->fetchNotifications(NotificationIDs{2})), ElementsAre(2));
     EXPECT_TRUE(store->fetchNotifications(NotificationIDs{}).empty());
     EXPECT_TRUE(store->fetchNotifications(NotificationIDs{42}).empty());
@@ -306,11 +278,9 @@ TEST_F(StoreOperations, ExistenceQuestionsFollowTheirColumns) {
     EXPECT_FALSE(store->containsNotification(K::newApp, "C1", std::nullopt, std::nullopt));
     EXPECT_FALSE(store->containsNotification(K::appUpdate, "c1", 10, std::nullopt));
     EXPECT_TRUE(store->containsNotification(K::appUpdate, "c1", std::nullopt, "4.0"));
-    EXPECT_FALSE(store->containsNotification(K::appUpdate, "c1", 0, "4.0"))
-        << "a given app never matches NULL";
+    EXPECT_FALSE(store->containsNotification(K::appUpdate, "c1", 0, "4.0")) << "a given app never matches NULL";
     EXPECT_TRUE(store->containsNotification(K::default_, "c1", std::nullopt, "2.0"));
-    EXPECT_FALSE(store->containsNotification(K::ai, "", 20, "3.0"))
-        << "a NULL customer never matches";
+    EXPECT_FALSE(store->containsNotification(K::ai, "", 20, "3.0")) << "a NULL customer never matches";
     EXPECT_FALSE(store->containsNotification(K::ai, "c1", std::nullopt, std::nullopt));
     EXPECT_TRUE(takeMessages().empty());
 }
@@ -328,19 +298,16 @@ TEST_F(StoreOperations, EachOperationFailsItsOwnWayWhenTheTablesAreGone) {
     EXPECT_TRUE(store->fetchNotifications(std::nullopt).empty());
     EXPECT_THAT(takeMessages(), ElementsAre("Unable to read wrapped notifications: " + kNoTable));
     EXPECT_TRUE(store->containsVantro("never stored"));
-    EXPECT_FALSE(store->containsNotification(NotificationKind::newApp, "customer", std::nullopt,
-                                             std::nullopt));
+    EXPECT_FALSE(store->containsNotification(NotificationKind::newApp, "customer", std::nullopt, std::nullopt));
     store->updateButtonVisibility({1, 2}, false);
     store->deleteNotifications(NotificationModelInfoSet(stored.begin(), stored.end()));
     store->deleteAll();
     EXPECT_TRUE(takeMessages().empty());
 
     store->updateStatus({1, 2}, NotificationStatus::shown);
-    EXPECT_THAT(takeMessages(),
-                ElementsAre("Unable to mark as read notification IDs: [1, 2]: " + kNoTable));
+    EXPECT_THAT(takeMessages(), ElementsAre("Unable to mark as read notification IDs: [1, 2]: " + kNoTable));
     store->deleteAllNotifications(NotificationKind::appUpdate);
-    EXPECT_THAT(takeMessages(),
-                ElementsAre("Unable to delete all notification with kind 2: " + kNoTable));
+    EXPECT_THAT(takeMessages(), ElementsAre("Unable to delete all notification with kind 2: " + kNoTable));
     store->save({note(std::nullopt)});
     EXPECT_THAT(takeMessages(), ElementsAre("Unable to save wrapped notification: " + kNoTable));
 }
@@ -364,22 +331,19 @@ TEST_F(StoreOperations, WritesThatCannotBeginLogTheirOwnMessage) {
     EXPECT_EQ(store->fetchNotifications(std::nullopt).size(), 2U);
     raw.execute("ROLLBACK");
 
-    EXPECT_THAT(
-        takeMessages(),
-        ElementsAre("Unable to save wrapped notification: " + kLocked,
-                    "Unable to mark as read notification IDs: [1, 2]: " + kLocked,
-                    "Unable to mark as read notification IDs: []: " + kLocked,
-                    "Unable to change button visibility for notification IDs: [1]: " + kLocked,
-                    "Unable to reset notifications database: " + kLocked,
-                    "Unable to reset notification database: " + kLocked,
-                    "Unable to delete all notification with kind 1: " + kLocked));
+    EXPECT_THAT(takeMessages(), ElementsAre("Unable to save wrapped notification: " + kLocked,
+                                            "Unable to mark as read notification IDs: [1, 2]: " + kLocked,
+                                            "Unable to mark as read notification IDs: []: " + kLocked,
+                                            "Unable to change button visibility for notification IDs: [1]: " + kLocked,
+                                            "Unable to reset notifications database: " + kLocked,
+                                            "Unable to reset notification database: " + kLocked,
+                                            "Unable to delete all notification with kind 1: " + kLocked));
     EXPECT_EQ(everything(), before);
 }
 
 // Status changes reach exactly the given rows, in any direction; a failing update changes none.
 TEST_F(StoreOperations, UpdateStatusSetsTheGivenRows) {
-    for (int i = 0; i < 3; ++i)
-        store->save({note(std::nullopt)});
+    for (int i = 0; i < 3; ++i) store->save({note(std::nullopt)});
     store->updateStatus({1, 2}, NotificationStatus::read);
     EXPECT_EQ(column("notification", "status"), (Rows{{"1", "2"}, {"2", "2"}, {"3", "0"}}));
     store->updateStatus({}, NotificationStatus::shown);
@@ -394,8 +358,7 @@ TEST_F(StoreOperations, UpdateStatusSetsTheGivenRows) {
         "SELECT RAISE(ABORT, 'refused'); END");
     store->updateStatus({1, 2}, NotificationStatus::shown);
     EXPECT_EQ(column("notification", "status"), (Rows{{"1", "0"}, {"2", "2"}, {"3", "1"}}));
-    EXPECT_THAT(takeMessages(),
-                ElementsAre("Unable to mark as read notification IDs: [1, 2]: " + kRefused));
+    EXPECT_THAT(takeMessages(), ElementsAre("Unable to mark as read notification IDs: [1, 2]: " + kRefused));
 }
 
 // Visibility is chosen by the owning notification's id, never by a button's own id; a failing
@@ -438,14 +401,12 @@ TEST_F(StoreOperations, DeleteRemovesNamedNotificationsAndButtons) {
 
     store->deleteNotifications({});
     EXPECT_EQ(count("notificationButton"), "5");
-    store->deleteNotifications(
-        {first.front(), NotificationModelInfo(note(std::nullopt), button(21)),
-         NotificationModelInfo(note(3)), NotificationModelInfo(note(99), button(98))});
+    store->deleteNotifications({first.front(), NotificationModelInfo(note(std::nullopt), button(21)),
+                                NotificationModelInfo(note(3)), NotificationModelInfo(note(99), button(98))});
     EXPECT_EQ(raw.query("SELECT id FROM notification ORDER BY id"), (Rows{{"2"}, {"4"}}));
     EXPECT_EQ(raw.query("SELECT id FROM notificationButton ORDER BY id"), (Rows{{"41"}}));
 
-    raw.execute(
-        "INSERT INTO notificationButton (id, visible, notificationId) VALUES (50, 1, NULL)");
+    raw.execute("INSERT INTO notificationButton (id, visible, notificationId) VALUES (50, 1, NULL)");
     store->deleteAll();
     EXPECT_EQ(count("notification"), "0");
     EXPECT_EQ(count("notificationButton"), "0");
@@ -457,16 +418,14 @@ TEST_F(StoreOperations, DeleteRemovesNamedNotificationsAndButtons) {
 // cannot be read is not deleted at all and the failure names the kind's raw value.
 TEST_F(StoreOperations, DeleteAllNotificationsOfAKind) {
     using K = NotificationKind;
-    const std::vector<K> kinds{K::default_,     K::newApp, K::appUpdate,
-                               K::vantroUpdate, K::ai,     K::newApp};
+    const std::vector<K> kinds{K::default_, K::newApp, K::appUpdate, K::vantroUpdate, K::ai, K::newApp};
     for (std::int64_t id = 1; id <= static_cast<std::int64_t>(kinds.size()); ++id) {
         store->save({note(id, kinds[id - 1], "c" + std::to_string(id)), button(10 * id)});
     }
     raw.execute("INSERT INTO notificationButton (id, visible, notificationId) VALUES (7, 1, NULL)");
 
     store->deleteAllNotifications(K::newApp);
-    EXPECT_EQ(raw.query("SELECT id FROM notification ORDER BY id"),
-              (Rows{{"1"}, {"3"}, {"4"}, {"5"}}));
+    EXPECT_EQ(raw.query("SELECT id FROM notification ORDER BY id"), (Rows{{"1"}, {"3"}, {"4"}, {"5"}}));
     EXPECT_EQ(raw.query("SELECT id FROM notificationButton ORDER BY id"),
               (Rows{{"7"}, {"10"}, {"30"}, {"40"}, {"50"}}));
     store->deleteAllNotifications(K::newApp);
@@ -485,8 +444,7 @@ TEST_F(StoreOperations, DeleteAllNotificationsOfAKind) {
     EXPECT_THAT(messages[0], HasSubstr("\"status\""));
 
     store->deleteAllNotifications(K::ai);
-    EXPECT_EQ(raw.query("SELECT id FROM notification ORDER BY id"),
-              (Rows{{"1"}, {"3"}, {"4"}, {"8"}}));
+    EXPECT_EQ(raw.query("SELECT id FROM notification ORDER BY id"), (Rows{{"1"}, {"3"}, {"4"}, {"8"}}));
     EXPECT_TRUE(takeMessages().empty());
 }
 
@@ -503,8 +461,7 @@ TEST_F(StoreOperations, LargeIdSetsWork) {
                 "INSERT INTO notificationButton (visible, notificationId) SELECT 1, id FROM "
                 "notification; COMMIT");
     NotificationIDs ids;
-    for (std::int64_t id = 1; id <= kCount; ++id)
-        ids.insert(id);
+    for (std::int64_t id = 1; id <= kCount; ++id) ids.insert(id);
     ids.insert(kCount + 1);
 
     store->updateStatus(ids, NotificationStatus::read);

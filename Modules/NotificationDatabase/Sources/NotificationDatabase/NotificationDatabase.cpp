@@ -120,9 +120,8 @@ void NotificationDatabaseImpl::setupDatabaseObserver() {
         {std::string(NotificationModel::databaseTableName)},
         // Holds nothing: a post scheduled before the store goes away is still made.
         [] {
-            MainQueue::main().asyncAfter(kNoticeDelay, [] {
-                DistributedNotificationCenter::defaultCenter()->post(databaseUpdated());
-            });
+            MainQueue::main().asyncAfter(
+                kNoticeDelay, [] { DistributedNotificationCenter::defaultCenter()->post(databaseUpdated()); });
         },
         [weakSelf](const std::exception& error) {
             if (auto self = weakSelf.lock()) self->logFailure("Database observation error: ", error);
@@ -293,7 +292,8 @@ void NotificationDatabaseImpl::deleteNotifications(const NotificationModelInfoSe
 void NotificationDatabaseImpl::deleteAll() {
     try {
         database_->write([](Connection& connection) {
-            runDroppingFailure(connection, [&] { connection.cachedStatement("DELETE FROM \"notification\"")->execute(); });
+            runDroppingFailure(connection,
+                               [&] { connection.cachedStatement("DELETE FROM \"notification\"")->execute(); });
             runDroppingFailure(connection,
                                [&] { connection.cachedStatement("DELETE FROM \"notificationButton\"")->execute(); });
         });

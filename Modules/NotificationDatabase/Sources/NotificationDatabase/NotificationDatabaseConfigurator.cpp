@@ -4,7 +4,9 @@
 
 namespace notificationdb {
 
-void NotificationDatabaseConfigurator::configure(DatabasePool& database) const { initDatabaseSchemaIfNeeded(database); }
+void NotificationDatabaseConfigurator::configure(DatabasePool& database) const {
+    initDatabaseSchemaIfNeeded(database);
+}
 
 void NotificationDatabaseConfigurator::initDatabaseSchemaIfNeeded(DatabasePool& database) const {
     // The pool begins the transaction deferred on a read-only pool, so a read-only store can

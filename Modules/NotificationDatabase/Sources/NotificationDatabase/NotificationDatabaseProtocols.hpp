@@ -39,8 +39,7 @@ public:
     // Whether a notification of `type` is stored for `customer`, narrowed by `appID` and
     // `version` when given; false on failure.
     virtual bool containsNotification(NotificationKind type, const std::string& customer,
-                                      std::optional<std::int64_t> appID,
-                                      const std::optional<std::string>& version) = 0;
+                                      std::optional<std::int64_t> appID, const std::optional<std::string>& version) = 0;
 };
 
 // What the user did with notifications.

@@ -32,8 +32,7 @@ int main(int argc, char** argv) {
 
     std::cout << "posted " << count << '\n';
     for (const auto& entry : capture->entries()) {
-        std::cout << "log " << logLevelName(entry.level) << ' ' << entry.loggerPath << ": "
-                  << entry.message << '\n';
+        std::cout << "log " << logLevelName(entry.level) << ' ' << entry.loggerPath << ": " << entry.message << '\n';
     }
     std::cout.flush();
     return 0;

@@ -40,8 +40,8 @@ public:
     }
     ~TemporaryDirectory() {
         std::error_code ignored;
-        std::filesystem::permissions(path_, std::filesystem::perms::owner_all,
-                                     std::filesystem::perm_options::add, ignored);
+        std::filesystem::permissions(path_, std::filesystem::perms::owner_all, std::filesystem::perm_options::add,
+                                     ignored);
         std::filesystem::remove_all(path_, ignored);
     }
     TemporaryDirectory(const TemporaryDirectory&) = delete;
@@ -84,8 +84,7 @@ private:
 class LogCapture {
 public:
     LogCapture()
-        : destination_(std::make_shared<CapturingLogDestination>()),
-          previous_(Logger::module()->destinations()) {
+        : destination_(std::make_shared<CapturingLogDestination>()), previous_(Logger::module()->destinations()) {
         Logger::module()->setDestinations({destination_});
     }
     ~LogCapture() { Logger::module()->setDestinations(previous_); }
@@ -140,21 +139,23 @@ public:
             std::vector<std::string> row;
             for (int i = 0; i < sqlite3_column_count(statement); ++i) {
                 switch (sqlite3_column_type(statement, i)) {
-                case SQLITE_NULL: row.emplace_back("NULL"); break;
-                case SQLITE_BLOB: {
-                    static const char* digits = "0123456789ABCDEF";
-                    auto bytes = static_cast<const unsigned char*>(sqlite3_column_blob(statement, i));
-                    std::string text = "x'";
-                    for (int b = 0; b < sqlite3_column_bytes(statement, i); ++b) {
-                        text += digits[bytes[b] >> 4];
-                        text += digits[bytes[b] & 15];
+                    case SQLITE_NULL:
+                        row.emplace_back("NULL");
+                        break;
+                    case SQLITE_BLOB: {
+                        static const char* digits = "0123456789ABCDEF";
+                        auto bytes = static_cast<const unsigned char*>(sqlite3_column_blob(statement, i));
+                        std::string text = "x'";
+                        for (int b = 0; b < sqlite3_column_bytes(statement, i); ++b) {
+                            text += digits[bytes[b] >> 4];
+                            text += digits[bytes[b] & 15];
+                        }
+                        row.push_back(text + "'");
+                        break;
                     }
-                    row.push_back(text + "'");
-                    break;
-                }
-                default:
-                    row.emplace_back(reinterpret_cast<const char*>(sqlite3_column_text(statement, i)),
-                                     static_cast<std::size_t>(sqlite3_column_bytes(statement, i)));
+                    default:
+                        row.emplace_back(reinterpret_cast<const char*>(sqlite3_column_text(statement, i)),
+                                         static_cast<std::size_t>(sqlite3_column_bytes(statement, i)));
                 }
             }
             rows.push_back(std::move(row));

@@ -16,9 +16,7 @@ public:
     // Retry for up to `seconds` before failing with SQLITE_BUSY.
     static BusyMode timeout(double seconds) { return BusyMode(Kind::timeout, seconds, {}); }
     // Ask `callback` whether to retry.
-    static BusyMode callback(Callback callback) {
-        return BusyMode(Kind::callback, 0.0, std::move(callback));
-    }
+    static BusyMode callback(Callback callback) { return BusyMode(Kind::callback, 0.0, std::move(callback)); }
 
     Kind kind() const noexcept { return kind_; }
     // The time-out in seconds; 0 unless `kind()` is `timeout`.

@@ -55,17 +55,17 @@ Connection::Connection(const std::filesystem::path& path, Mode mode, const BusyM
     sqlite3_db_config(db_, SQLITE_DBCONFIG_DQS_DDL, 0, nullptr);
     try {
         switch (busyMode.kind()) {
-        case BusyMode::Kind::immediateError:
-            break;
-        case BusyMode::Kind::timeout: {
-            const double milliseconds = std::round(busyMode.seconds() * 1000.0);
-            sqlite3_busy_timeout(db_, milliseconds > 0 ? static_cast<int>(std::min(milliseconds, 2.0e9)) : 0);
-            break;
-        }
-        case BusyMode::Kind::callback:
-            busyCallback_ = busyMode.handler();
-            if (busyCallback_) sqlite3_busy_handler(db_, busyHandlerTrampoline, &busyCallback_);
-            break;
+            case BusyMode::Kind::immediateError:
+                break;
+            case BusyMode::Kind::timeout: {
+                const double milliseconds = std::round(busyMode.seconds() * 1000.0);
+                sqlite3_busy_timeout(db_, milliseconds > 0 ? static_cast<int>(std::min(milliseconds, 2.0e9)) : 0);
+                break;
+            }
+            case BusyMode::Kind::callback:
+                busyCallback_ = busyMode.handler();
+                if (busyCallback_) sqlite3_busy_handler(db_, busyHandlerTrampoline, &busyCallback_);
+                break;
         }
         execute("PRAGMA foreign_keys = ON");
         // Reading the schema makes SQLite look at the file now, so that a file that is no
@@ -139,11 +139,17 @@ void Connection::clearStatementCache() noexcept {
     }
 }
 
-std::int64_t Connection::lastInsertedRowID() const noexcept { return sqlite3_last_insert_rowid(db_); }
+std::int64_t Connection::lastInsertedRowID() const noexcept {
+    return sqlite3_last_insert_rowid(db_);
+}
 
-int Connection::changedRowCount() const noexcept { return sqlite3_changes(db_); }
+int Connection::changedRowCount() const noexcept {
+    return sqlite3_changes(db_);
+}
 
-bool Connection::isInsideTransaction() const noexcept { return sqlite3_get_autocommit(db_) == 0; }
+bool Connection::isInsideTransaction() const noexcept {
+    return sqlite3_get_autocommit(db_) == 0;
+}
 
 bool Connection::tableExists(std::string_view name) {
     auto statement = cachedStatement("SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = ? COLLATE NOCASE");

@@ -123,8 +123,8 @@ constexpr std::array<CodeName, 104> kCodeNames{{
 }};
 
 std::string describe(int resultCode, int extendedResultCode, const std::string& message, const std::string& sql) {
-    std::string text = "SQLite error " + std::to_string(resultCode) + " (" + DatabaseError::codeName(extendedResultCode) +
-                       "): " + message;
+    std::string text = "SQLite error " + std::to_string(resultCode) + " (" +
+                       DatabaseError::codeName(extendedResultCode) + "): " + message;
     if (!sql.empty()) text += " - while executing `" + sql + "`";
     return text;
 }

@@ -6,10 +6,10 @@
 
 #include <algorithm>
 #include <chrono>
-#include <thread>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
+#include <thread>
 #include <utility>
 
 namespace notificationdb {
@@ -27,8 +27,9 @@ constexpr std::size_t kMaximumTrackedTables = 64;
 // once rather than risk a deadlock), so two processes creating the same file can collide here.
 // Retry within the configured busy time-out.
 void enableWAL(Connection& writer, const BusyMode& busyMode) {
-    const auto deadline = std::chrono::steady_clock::now() +
-                          std::chrono::duration<double>(busyMode.kind() == BusyMode::Kind::timeout ? busyMode.seconds() : 0);
+    const auto deadline =
+        std::chrono::steady_clock::now() +
+        std::chrono::duration<double>(busyMode.kind() == BusyMode::Kind::timeout ? busyMode.seconds() : 0);
     for (;;) {
         try {
             writer.execute("PRAGMA journal_mode = WAL");
@@ -84,8 +85,8 @@ struct DatabasePool::Shared {
     // SQLite empties a table with an unconditional DELETE without visiting its rows, and then
     // calls no update hook. Answering IGNORE to the delete of a tracked table keeps the delete
     // but turns that shortcut off, so every deleted row is reported.
-    static int authorizer(void* context, int action, const char* table, const char* /*unused*/,
-                          const char* database, const char* /*trigger*/) {
+    static int authorizer(void* context, int action, const char* table, const char* /*unused*/, const char* database,
+                          const char* /*trigger*/) {
         auto* shared = static_cast<Shared*>(context);
         if (action != SQLITE_DELETE || table == nullptr) return SQLITE_OK;
         if (database != nullptr && std::string_view(database) != "main") return SQLITE_OK;
@@ -187,9 +188,13 @@ DatabasePool::DatabasePool(const std::filesystem::path& path, Configuration conf
 
 DatabasePool::~DatabasePool() = default;
 
-const std::filesystem::path& DatabasePool::path() const noexcept { return shared_->path; }
+const std::filesystem::path& DatabasePool::path() const noexcept {
+    return shared_->path;
+}
 
-const Configuration& DatabasePool::configuration() const noexcept { return shared_->configuration; }
+const Configuration& DatabasePool::configuration() const noexcept {
+    return shared_->configuration;
+}
 
 void DatabasePool::writeImpl(const std::function<void(Connection&)>& body) {
     Shared& shared = *shared_;

@@ -64,8 +64,8 @@ public:
     // transactions and changes to other tables call nothing. When `onChange` throws, the
     // observation ends and `onError` receives the exception. Handlers must not use the pool's
     // write access.
-    std::unique_ptr<DatabaseObservation> observe(std::vector<std::string> tables,
-                                                 ChangeHandler onChange, ErrorHandler onError);
+    std::unique_ptr<DatabaseObservation> observe(std::vector<std::string> tables, ChangeHandler onChange,
+                                                 ErrorHandler onError);
 
     // Closes idle reader connections, unless `persistentReadOnlyConnections` is on.
     void releaseMemory();

@@ -115,7 +115,8 @@ std::optional<Timestamp> parseDateText(std::string_view text) {
     if (hour > 23 || minute > 59 || second > 59) return std::nullopt;
 
     const std::int64_t dayCount = std::chrono::sys_days(date).time_since_epoch().count();
-    const std::int64_t total = ((dayCount * 24 + hour) * 60 + minute) * 60000 + std::int64_t{second} * 1000 + millisecond;
+    const std::int64_t total =
+        ((dayCount * 24 + hour) * 60 + minute) * 60000 + std::int64_t{second} * 1000 + millisecond;
     return fromMilliseconds(total);
 }
 

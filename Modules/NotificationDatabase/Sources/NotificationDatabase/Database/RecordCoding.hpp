@@ -56,9 +56,9 @@ using RecordValues = std::array<FieldValue, RecordCoding<Record>::fields.size()>
 template <class Value>
 Value requiredValue(FieldValue& value, std::string_view table, std::string_view field) {
     if (auto* present = std::get_if<Value>(&value)) return std::move(*present);
-    throw RecordDecodingError(table, field,
-                              std::holds_alternative<std::monostate>(value) ? "required value is absent"
-                                                                            : "value has the wrong type");
+    throw RecordDecodingError(
+        table, field,
+        std::holds_alternative<std::monostate>(value) ? "required value is absent" : "value has the wrong type");
 }
 
 // For `decode`: the value of an optional field, moved out; nullopt when absent.

@@ -12,19 +12,19 @@ namespace {
 // An integer read from an INTEGER column, or from a REAL one that holds a whole number.
 std::optional<std::int64_t> integerValue(const Row& row, int index) {
     switch (row.type(index)) {
-    case ColumnType::integer:
-        return row.int64(index);
-    case ColumnType::real: {
-        const double value = row.real(index);
-        // 2^63 is exactly representable; anything at or beyond it does not fit.
-        constexpr double limit = 9223372036854775808.0;
-        if (std::isfinite(value) && std::trunc(value) == value && value >= -limit && value < limit) {
-            return static_cast<std::int64_t>(value);
+        case ColumnType::integer:
+            return row.int64(index);
+        case ColumnType::real: {
+            const double value = row.real(index);
+            // 2^63 is exactly representable; anything at or beyond it does not fit.
+            constexpr double limit = 9223372036854775808.0;
+            if (std::isfinite(value) && std::trunc(value) == value && value >= -limit && value < limit) {
+                return static_cast<std::int64_t>(value);
+            }
+            return std::nullopt;
         }
-        return std::nullopt;
-    }
-    default:
-        return std::nullopt;
+        default:
+            return std::nullopt;
     }
 }
 
@@ -47,46 +47,46 @@ FieldValue readColumn(const Row& row, int index, const FieldDescriptor& field, s
         return std::monostate{};
     }
     switch (field.type) {
-    case FieldType::integer:
-    case FieldType::enumeration:
-        if (auto value = integerValue(row, index)) return *value;
-        throw RecordDecodingError(table, field.name, "value is not an integer");
-    case FieldType::boolean:
-        if (row.type(index) == ColumnType::integer) return row.int64(index) != 0;
-        if (row.type(index) == ColumnType::real) return row.real(index) != 0.0;
-        throw RecordDecodingError(table, field.name, "value is not a boolean");
-    case FieldType::text:
-        if (row.type(index) == ColumnType::text) return std::string(row.text(index));
-        throw RecordDecodingError(table, field.name, "value is not text");
-    case FieldType::bytes: {
-        if (row.type(index) == ColumnType::blob || row.type(index) == ColumnType::text) {
-            const auto bytes = row.type(index) == ColumnType::blob
-                                   ? row.blob(index)
-                                   : std::span<const std::uint8_t>(
-                                         reinterpret_cast<const std::uint8_t*>(row.text(index).data()),
-                                         row.text(index).size());
-            return Bytes(bytes.begin(), bytes.end());
+        case FieldType::integer:
+        case FieldType::enumeration:
+            if (auto value = integerValue(row, index)) return *value;
+            throw RecordDecodingError(table, field.name, "value is not an integer");
+        case FieldType::boolean:
+            if (row.type(index) == ColumnType::integer) return row.int64(index) != 0;
+            if (row.type(index) == ColumnType::real) return row.real(index) != 0.0;
+            throw RecordDecodingError(table, field.name, "value is not a boolean");
+        case FieldType::text:
+            if (row.type(index) == ColumnType::text) return std::string(row.text(index));
+            throw RecordDecodingError(table, field.name, "value is not text");
+        case FieldType::bytes: {
+            if (row.type(index) == ColumnType::blob || row.type(index) == ColumnType::text) {
+                const auto bytes =
+                    row.type(index) == ColumnType::blob
+                        ? row.blob(index)
+                        : std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(row.text(index).data()),
+                                                        row.text(index).size());
+                return Bytes(bytes.begin(), bytes.end());
+            }
+            throw RecordDecodingError(table, field.name, "value is not a byte string");
         }
-        throw RecordDecodingError(table, field.name, "value is not a byte string");
-    }
-    case FieldType::date: {
-        std::optional<Timestamp> date;
-        switch (row.type(index)) {
-        case ColumnType::text:
-            date = parseDateText(row.text(index));
-            break;
-        case ColumnType::integer:
-            date = dateFromSecondsSince1970(static_cast<double>(row.int64(index)));
-            break;
-        case ColumnType::real:
-            date = dateFromSecondsSince1970(row.real(index));
-            break;
-        default:
-            break;
+        case FieldType::date: {
+            std::optional<Timestamp> date;
+            switch (row.type(index)) {
+                case ColumnType::text:
+                    date = parseDateText(row.text(index));
+                    break;
+                case ColumnType::integer:
+                    date = dateFromSecondsSince1970(static_cast<double>(row.int64(index)));
+                    break;
+                case ColumnType::real:
+                    date = dateFromSecondsSince1970(row.real(index));
+                    break;
+                default:
+                    break;
+            }
+            if (date) return *date;
+            throw RecordDecodingError(table, field.name, "value is not a date");
         }
-        if (date) return *date;
-        throw RecordDecodingError(table, field.name, "value is not a date");
-    }
     }
     throw RecordDecodingError(table, field.name, "unknown field type");
 }
@@ -98,39 +98,39 @@ void bindFieldValue(Statement& statement, int index, const FieldValue& value, co
         return;
     }
     switch (field.type) {
-    case FieldType::integer:
-    case FieldType::enumeration:
-        if (const auto* integer = std::get_if<std::int64_t>(&value)) {
-            statement.bind(index, *integer);
-            return;
-        }
-        break;
-    case FieldType::boolean:
-        if (const auto* boolean = std::get_if<bool>(&value)) {
-            statement.bind(index, std::int64_t{*boolean ? 1 : 0});
-            return;
-        }
-        break;
-    case FieldType::text:
-        if (const auto* text = std::get_if<std::string>(&value)) {
-            statement.bind(index, std::string_view(*text));
-            return;
-        }
-        break;
-    case FieldType::bytes:
-        if (const auto* bytes = std::get_if<Bytes>(&value)) {
-            statement.bind(index, std::span<const std::uint8_t>(*bytes));
-            return;
-        }
-        break;
-    case FieldType::date:
-        if (const auto* date = std::get_if<Timestamp>(&value)) {
-            auto text = formatDateText(*date);
-            if (!text) throw RecordDecodingError(table, field.name, "date is outside years 0000 to 9999");
-            statement.bind(index, std::string_view(*text));
-            return;
-        }
-        break;
+        case FieldType::integer:
+        case FieldType::enumeration:
+            if (const auto* integer = std::get_if<std::int64_t>(&value)) {
+                statement.bind(index, *integer);
+                return;
+            }
+            break;
+        case FieldType::boolean:
+            if (const auto* boolean = std::get_if<bool>(&value)) {
+                statement.bind(index, std::int64_t{*boolean ? 1 : 0});
+                return;
+            }
+            break;
+        case FieldType::text:
+            if (const auto* text = std::get_if<std::string>(&value)) {
+                statement.bind(index, std::string_view(*text));
+                return;
+            }
+            break;
+        case FieldType::bytes:
+            if (const auto* bytes = std::get_if<Bytes>(&value)) {
+                statement.bind(index, std::span<const std::uint8_t>(*bytes));
+                return;
+            }
+            break;
+        case FieldType::date:
+            if (const auto* date = std::get_if<Timestamp>(&value)) {
+                auto text = formatDateText(*date);
+                if (!text) throw RecordDecodingError(table, field.name, "date is outside years 0000 to 9999");
+                statement.bind(index, std::string_view(*text));
+                return;
+            }
+            break;
     }
     throw RecordDecodingError(table, field.name, "value does not match the field's type");
 }

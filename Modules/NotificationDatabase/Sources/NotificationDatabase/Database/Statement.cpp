@@ -62,11 +62,17 @@ Statement::Statement(sqlite3* connection, std::string_view sql, ChangeJournal* j
     }
 }
 
-Statement::~Statement() { sqlite3_finalize(statement_); }
+Statement::~Statement() {
+    sqlite3_finalize(statement_);
+}
 
-int Statement::parameterCount() const noexcept { return sqlite3_bind_parameter_count(statement_); }
+int Statement::parameterCount() const noexcept {
+    return sqlite3_bind_parameter_count(statement_);
+}
 
-void Statement::fail(int resultCode) const { throw DatabaseError::fromConnection(connection_, resultCode, sql_); }
+void Statement::fail(int resultCode) const {
+    throw DatabaseError::fromConnection(connection_, resultCode, sql_);
+}
 
 void Statement::bindNull(int index) {
     if (int rc = sqlite3_bind_null(statement_, index); rc != SQLITE_OK) fail(rc);
@@ -117,7 +123,9 @@ void Statement::reset() noexcept {
     layout_.reset();
 }
 
-int Statement::columnCount() const noexcept { return sqlite3_column_count(statement_); }
+int Statement::columnCount() const noexcept {
+    return sqlite3_column_count(statement_);
+}
 
 std::string_view Statement::columnName(int index) const noexcept {
     const char* name = sqlite3_column_name(statement_, index);
@@ -182,9 +190,13 @@ ColumnType Row::type(int index) const noexcept {
     return static_cast<ColumnType>(sqlite3_column_type(statement_->statement_, index));
 }
 
-std::int64_t Row::int64(int index) const noexcept { return sqlite3_column_int64(statement_->statement_, index); }
+std::int64_t Row::int64(int index) const noexcept {
+    return sqlite3_column_int64(statement_->statement_, index);
+}
 
-double Row::real(int index) const noexcept { return sqlite3_column_double(statement_->statement_, index); }
+double Row::real(int index) const noexcept {
+    return sqlite3_column_double(statement_->statement_, index);
+}
 
 std::string_view Row::text(int index) const noexcept {
     const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement_->statement_, index));

@@ -63,8 +63,7 @@ public:
 
 private:
     friend class Statement;
-    Row(Statement* statement, int begin, int end) noexcept
-        : statement_(statement), begin_(begin), end_(end) {}
+    Row(Statement* statement, int begin, int end) noexcept : statement_(statement), begin_(begin), end_(end) {}
 
     Statement* statement_;
     int begin_;

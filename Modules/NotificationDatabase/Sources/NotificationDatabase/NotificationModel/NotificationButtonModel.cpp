@@ -62,23 +62,23 @@ FieldValue RecordCoding<NotificationButton>::encode(const NotificationButton& re
         return *value;
     };
     switch (fieldIndex) {
-    case 0:
-        return optionalField(record.id_);
-    case 1:
-        return optionalField(record.buttonId);
-    case 2:
-        return optionalField(record.title);
-    case 3:
-        return record.visible;
-    case 4:
-        return optionalField(record.notificationId);
-    case 5:
-        if (!record.actionKind) return std::monostate{};
-        return rawValue(*record.actionKind);
-    case 6:
-        return optionalField(record.userAction);
-    default:
-        return std::monostate{};
+        case 0:
+            return optionalField(record.id_);
+        case 1:
+            return optionalField(record.buttonId);
+        case 2:
+            return optionalField(record.title);
+        case 3:
+            return record.visible;
+        case 4:
+            return optionalField(record.notificationId);
+        case 5:
+            if (!record.actionKind) return std::monostate{};
+            return rawValue(*record.actionKind);
+        case 6:
+            return optionalField(record.userAction);
+        default:
+            return std::monostate{};
     }
 }
 

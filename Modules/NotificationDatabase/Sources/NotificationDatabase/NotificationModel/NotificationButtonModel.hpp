@@ -52,7 +52,9 @@ private:
 
 using UserActionKind = NotificationButton::UserActionKind;
 
-constexpr std::int64_t rawValue(UserActionKind kind) noexcept { return static_cast<std::int64_t>(kind); }
+constexpr std::int64_t rawValue(UserActionKind kind) noexcept {
+    return static_cast<std::int64_t>(kind);
+}
 
 template <class Enumeration>
 std::optional<Enumeration> fromRawValue(std::int64_t raw) noexcept;

@@ -57,12 +57,12 @@ std::optional<NotificationKind> fromRawValue<NotificationKind>(std::int64_t raw)
 
 NotificationStatus makeNotificationStatus(std::int64_t value) noexcept {
     switch (value) {
-    case 1:
-        return NotificationStatus::shown;
-    case 2:
-        return NotificationStatus::read;
-    default:
-        return NotificationStatus::new_;
+        case 1:
+            return NotificationStatus::shown;
+        case 2:
+            return NotificationStatus::read;
+        default:
+            return NotificationStatus::new_;
     }
 }
 
@@ -100,32 +100,32 @@ FieldValue RecordCoding<NotificationModel>::encode(const NotificationModel& reco
         return *value;
     };
     switch (fieldIndex) {
-    case 0:
-        return optionalValue(record.id_);
-    case 1:
-        return optionalValue(record.customerId_);
-    case 2:
-        return record.createdDate;
-    case 3:
-        return record.version;
-    case 4:
-        return record.analyticsTag;
-    case 5:
-        return optionalValue(record.title);
-    case 6:
-        return optionalValue(record.body);
-    case 7:
-        return optionalValue(record.bannerUrl);
-    case 8:
-        return record.isMarketing;
-    case 9:
-        return optionalValue(record.appId);
-    case 10:
-        return rawValue(record.status);
-    case 11:
-        return rawValue(record.notificationKind);
-    default:
-        return std::monostate{};
+        case 0:
+            return optionalValue(record.id_);
+        case 1:
+            return optionalValue(record.customerId_);
+        case 2:
+            return record.createdDate;
+        case 3:
+            return record.version;
+        case 4:
+            return record.analyticsTag;
+        case 5:
+            return optionalValue(record.title);
+        case 6:
+            return optionalValue(record.body);
+        case 7:
+            return optionalValue(record.bannerUrl);
+        case 8:
+            return record.isMarketing;
+        case 9:
+            return optionalValue(record.appId);
+        case 10:
+            return rawValue(record.status);
+        case 11:
+            return rawValue(record.notificationKind);
+        default:
+            return std::monostate{};
     }
 }
 

@@ -57,8 +57,12 @@ using NotificationStatus = NotificationModel::NotificationStatus;
 using NotificationKind = NotificationModel::NotificationKind;
 
 // Raw values.
-constexpr std::int64_t rawValue(NotificationStatus status) noexcept { return static_cast<std::int64_t>(status); }
-constexpr std::int64_t rawValue(NotificationKind kind) noexcept { return static_cast<std::int64_t>(kind); }
+constexpr std::int64_t rawValue(NotificationStatus status) noexcept {
+    return static_cast<std::int64_t>(status);
+}
+constexpr std::int64_t rawValue(NotificationKind kind) noexcept {
+    return static_cast<std::int64_t>(kind);
+}
 
 // Strict construction from a raw value: the case with that raw value, nullopt for any other.
 template <class Enumeration>

@@ -51,8 +51,7 @@ bool isValidMemberName(std::string_view name) {
         return false;
     }
     return std::ranges::all_of(name, [](char c) {
-        return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
-               c == '_';
+        return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_';
     });
 }
 
@@ -70,13 +69,11 @@ void reportPostFailure(PostFailure kind, const std::string& name, const std::str
     if (reported.at(static_cast<std::size_t>(kind)).exchange(true)) {
         return;
     }
-    Logger::module()->log(LogLevel::error,
-                          "Unable to post distributed notification " + name + ": " + reason);
+    Logger::module()->log(LogLevel::error, "Unable to post distributed notification " + name + ": " + reason);
 }
 
 void reportObserverFailure(const std::string& name, const std::string& reason) {
-    Logger::module()->log(LogLevel::error,
-                          "Unable to observe distributed notification " + name + ": " + reason);
+    Logger::module()->log(LogLevel::error, "Unable to observe distributed notification " + name + ": " + reason);
 }
 
 int openSessionBus(BusPointer& bus) {
@@ -92,16 +89,14 @@ int openSessionBus(BusPointer& bus) {
 std::uint64_t monotonicMicroseconds() {
     timespec now{};
     ::clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000U +
-           static_cast<std::uint64_t>(now.tv_nsec) / 1'000U;
+    return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000U + static_cast<std::uint64_t>(now.tv_nsec) / 1'000U;
 }
 
 // Drives `bus` until everything queued on it has been handed to the bus daemon (connecting and
 // authenticating first if needed), or fails with -ETIMEDOUT after `timeout`. Unlike
 // sd_bus_flush, never waits without bound.
 int flushWithin(sd_bus* bus, std::chrono::microseconds timeout) {
-    const std::uint64_t deadline =
-        monotonicMicroseconds() + static_cast<std::uint64_t>(timeout.count());
+    const std::uint64_t deadline = monotonicMicroseconds() + static_cast<std::uint64_t>(timeout.count());
     for (;;) {
         int result = sd_bus_process(bus, nullptr);
         if (result < 0) {
@@ -159,9 +154,8 @@ public:
         sd_bus_slot* slot = nullptr;
         std::string path = std::string(DistributedNotificationCenter::objectPath);
         std::string interface = std::string(DistributedNotificationCenter::interfaceName);
-        int result =
-            sd_bus_match_signal(bus_.get(), &slot, nullptr, path.c_str(), interface.c_str(),
-                                delivery_->name.c_str(), &Listener::onSignal, this);
+        int result = sd_bus_match_signal(bus_.get(), &slot, nullptr, path.c_str(), interface.c_str(),
+                                         delivery_->name.c_str(), &Listener::onSignal, this);
         if (result >= 0) {
             slot_.reset(slot);
         }
@@ -179,8 +173,7 @@ public:
     void listen() noexcept {
         int failure = runLoop();
         if (failure < 0 && !stopRequested_.load()) {
-            Logger::module()->log(LogLevel::error, "Distributed notification observer for " +
-                                                       delivery_->name +
+            Logger::module()->log(LogLevel::error, "Distributed notification observer for " + delivery_->name +
                                                        " stopped: " + describeBusError(failure));
         }
     }
@@ -217,8 +210,7 @@ private:
             std::array<pollfd, 2> descriptors{};
             descriptors[0] = pollfd{sd_bus_get_fd(bus), static_cast<short>(events), 0};
             descriptors[1] = pollfd{wakeDescriptor_, POLLIN, 0};
-            if (::poll(descriptors.data(), descriptors.size(), timeoutMilliseconds) < 0 &&
-                errno != EINTR) {
+            if (::poll(descriptors.data(), descriptors.size(), timeoutMilliseconds) < 0 && errno != EINTR) {
                 return -errno;
             }
         }
@@ -228,12 +220,11 @@ private:
     static int onSignal(sd_bus_message* /*message*/, void* userdata, sd_bus_error* /*error*/) {
         auto* listener = static_cast<Listener*>(userdata);
         try {
-            MainQueue::main().asyncAfter(MainQueue::Clock::duration::zero(),
-                                         [delivery = listener->delivery_] {
-                                             if (delivery->active.load() && delivery->handler) {
-                                                 delivery->handler(delivery->name);
-                                             }
-                                         });
+            MainQueue::main().asyncAfter(MainQueue::Clock::duration::zero(), [delivery = listener->delivery_] {
+                if (delivery->active.load() && delivery->handler) {
+                    delivery->handler(delivery->name);
+                }
+            });
         } catch (...) {
             // Out of memory while scheduling: this notice is lost, the observation goes on.
         }
@@ -250,9 +241,7 @@ private:
 class DBusObserverToken final : public DistributedNotificationCenter::ObserverToken {
 public:
     DBusObserverToken(const std::shared_ptr<Listener>& listener, std::shared_ptr<Delivery> delivery)
-        : listener_(listener),
-          delivery_(std::move(delivery)),
-          thread_([listener] { listener->listen(); }) {}
+        : listener_(listener), delivery_(std::move(delivery)), thread_([listener] { listener->listen(); }) {}
 
     ~DBusObserverToken() override {
         // Jobs already on the main queue see this and skip the handler.
@@ -302,16 +291,13 @@ public:
                 int opened = openSessionBus(bus_);
                 if (opened < 0) {
                     bus_.reset();
-                    reportPostFailure(PostFailure::noBus, name,
-                                      "no session bus (" + describeBusError(opened) + ")");
+                    reportPostFailure(PostFailure::noBus, name, "no session bus (" + describeBusError(opened) + ")");
                     return;
                 }
             }
-            int result = sd_bus_emit_signal(bus_.get(), path.c_str(), interface.c_str(),
-                                            name.c_str(), nullptr);
+            int result = sd_bus_emit_signal(bus_.get(), path.c_str(), interface.c_str(), name.c_str(), nullptr);
             if (result >= 0) {
-                result = flushWithin(
-                    bus_.get(), std::chrono::duration_cast<std::chrono::microseconds>(postTimeout));
+                result = flushWithin(bus_.get(), std::chrono::duration_cast<std::chrono::microseconds>(postTimeout));
             }
             if (result >= 0) {
                 return;
@@ -379,8 +365,7 @@ std::shared_ptr<DistributedNotificationCenter> DistributedNotificationCenter::de
     return slot.center;
 }
 
-void DistributedNotificationCenter::setDefaultCenter(
-    std::shared_ptr<DistributedNotificationCenter> center) {
+void DistributedNotificationCenter::setDefaultCenter(std::shared_ptr<DistributedNotificationCenter> center) {
     auto& slot = defaultCenterSlot();
     std::lock_guard lock(slot.mutex);
     slot.center = std::move(center);

@@ -17,10 +17,8 @@ namespace notificationdb {
 // dropped; nothing throws.
 class DistributedNotificationCenter {
 public:
-    static constexpr std::string_view objectPath =
-        "/org/notificationdb/DistributedNotificationCenter";
-    static constexpr std::string_view interfaceName =
-        "org.notificationdb.DistributedNotificationCenter";
+    static constexpr std::string_view objectPath = "/org/notificationdb/DistributedNotificationCenter";
+    static constexpr std::string_view interfaceName = "org.notificationdb.DistributedNotificationCenter";
 
     using Handler = std::function<void(const std::string& name)>;
 
@@ -47,8 +45,7 @@ public:
     // process made after this returns. Each observer has its own bus connection and listening
     // thread. Returns null when the bus cannot be reached or `name` is not a valid member name
     // (the failure is logged).
-    virtual std::unique_ptr<ObserverToken> addObserver(const std::string& name,
-                                                       Handler handler) = 0;
+    virtual std::unique_ptr<ObserverToken> addObserver(const std::string& name, Handler handler) = 0;
 };
 
 // The session-bus implementation (sd-bus).

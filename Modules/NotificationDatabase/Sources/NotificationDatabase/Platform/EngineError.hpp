@@ -9,8 +9,8 @@ namespace notificationdb {
 // renders these as code, code name and the engine's own message; nothing else of them.
 class EngineError : public std::runtime_error {
 public:
-    EngineError(int resultCode, int extendedResultCode, std::string codeName,
-                std::string engineMessage, const std::string& what)
+    EngineError(int resultCode, int extendedResultCode, std::string codeName, std::string engineMessage,
+                const std::string& what)
         : std::runtime_error(what),
           resultCode_(resultCode),
           extendedResultCode_(extendedResultCode),

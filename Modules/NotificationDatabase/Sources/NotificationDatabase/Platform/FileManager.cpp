@@ -23,8 +23,8 @@ std::filesystem::path homeDirectory() {
     std::vector<char> buffer(suggested > 0 ? static_cast<std::size_t>(suggested) : 16384);
     passwd entry{};
     passwd* result = nullptr;
-    if (::getpwuid_r(::geteuid(), &entry, buffer.data(), buffer.size(), &result) == 0 &&
-        result != nullptr && result->pw_dir != nullptr) {
+    if (::getpwuid_r(::geteuid(), &entry, buffer.data(), buffer.size(), &result) == 0 && result != nullptr &&
+        result->pw_dir != nullptr) {
         return result->pw_dir;
     }
     return {};
@@ -63,8 +63,7 @@ std::filesystem::path SystemFileManager::applicationSupportDirectory() const {
     return homeDirectory() / "Library" / "Application Support";
 #else
     // A relative XDG_DATA_HOME is invalid and must be ignored.
-    if (const char* dataHome = std::getenv("XDG_DATA_HOME");
-        dataHome != nullptr && *dataHome != '\0') {
+    if (const char* dataHome = std::getenv("XDG_DATA_HOME"); dataHome != nullptr && *dataHome != '\0') {
         std::filesystem::path path(dataHome);
         if (path.is_absolute()) {
             return path;

@@ -33,8 +33,7 @@ class SystemFileManager final : public FileManager {
 public:
     std::filesystem::path applicationSupportDirectory() const override;
     bool fileExists(const std::filesystem::path& path) const override;
-    std::error_code createDirectory(const std::filesystem::path& path,
-                                    bool withIntermediateDirectories) const override;
+    std::error_code createDirectory(const std::filesystem::path& path, bool withIntermediateDirectories) const override;
 };
 
 }  // namespace notificationdb

@@ -21,11 +21,9 @@ std::string_view logLevelName(LogLevel level) noexcept {
     return "unknown";
 }
 
-StderrLogDestination::StderrLogDestination(LogLevel minimumLevel) noexcept
-    : minimumLevel_(minimumLevel) {}
+StderrLogDestination::StderrLogDestination(LogLevel minimumLevel) noexcept : minimumLevel_(minimumLevel) {}
 
-void StderrLogDestination::write(std::string_view loggerPath, LogLevel level,
-                                 std::string_view message) {
+void StderrLogDestination::write(std::string_view loggerPath, LogLevel level, std::string_view message) {
     if (level < minimumLevel_) {
         return;
     }
@@ -44,8 +42,7 @@ void StderrLogDestination::write(std::string_view loggerPath, LogLevel level,
     std::fflush(stderr);
 }
 
-void CapturingLogDestination::write(std::string_view loggerPath, LogLevel level,
-                                    std::string_view message) {
+void CapturingLogDestination::write(std::string_view loggerPath, LogLevel level, std::string_view message) {
     std::lock_guard lock(mutex_);
     entries_.push_back(Entry{std::string(loggerPath), level, std::string(message)});
 }
@@ -80,15 +77,13 @@ Logger::Logger(std::string name, std::shared_ptr<const Logger> parent, Destinati
 
 std::shared_ptr<Logger> Logger::module() {
     // Never destroyed: code that runs during static destruction may still log.
-    static const auto* const root = new std::shared_ptr<Logger>(std::make_shared<Logger>(
-        "root", nullptr, Destinations{std::make_shared<StderrLogDestination>()}, false));
+    static const auto* const root = new std::shared_ptr<Logger>(
+        std::make_shared<Logger>("root", nullptr, Destinations{std::make_shared<StderrLogDestination>()}, false));
     return *root;
 }
 
-std::shared_ptr<Logger> Logger::subLogger(std::string name, Destinations destinations,
-                                          bool inheritDestinations) const {
-    return std::make_shared<Logger>(std::move(name), shared_from_this(), std::move(destinations),
-                                    inheritDestinations);
+std::shared_ptr<Logger> Logger::subLogger(std::string name, Destinations destinations, bool inheritDestinations) const {
+    return std::make_shared<Logger>(std::move(name), shared_from_this(), std::move(destinations), inheritDestinations);
 }
 
 void Logger::log(LogLevel level, std::string_view message) const noexcept {

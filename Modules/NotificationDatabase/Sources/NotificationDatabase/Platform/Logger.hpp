@@ -66,8 +66,7 @@ public:
     static std::shared_ptr<Logger> module();
 
     // A child logger. It keeps its parent alive.
-    std::shared_ptr<Logger> subLogger(std::string name, Destinations destinations,
-                                      bool inheritDestinations) const;
+    std::shared_ptr<Logger> subLogger(std::string name, Destinations destinations, bool inheritDestinations) const;
 
     // Delivers `message` at `level` to the destinations described above. Never throws.
     void log(LogLevel level, std::string_view message) const noexcept;
@@ -80,8 +79,7 @@ public:
     void setDestinations(Destinations destinations);
     Destinations destinations() const;
 
-    Logger(std::string name, std::shared_ptr<const Logger> parent, Destinations destinations,
-           bool inheritDestinations);
+    Logger(std::string name, std::shared_ptr<const Logger> parent, Destinations destinations, bool inheritDestinations);
 
 private:
     void deliver(std::string_view path, LogLevel level, std::string_view message) const;

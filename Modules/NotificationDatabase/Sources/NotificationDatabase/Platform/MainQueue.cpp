@@ -30,8 +30,7 @@ void runJob(const MainQueue::Job& job) noexcept {
             job();
         }
     } catch (const std::exception& error) {
-        Logger::module()->log(LogLevel::error,
-                              "Main queue job failed: " + LogSanitizer::sanitizeError(error));
+        Logger::module()->log(LogLevel::error, "Main queue job failed: " + LogSanitizer::sanitizeError(error));
     } catch (...) {
         Logger::module()->log(LogLevel::error, "Main queue job failed: unknown exception");
     }
