@@ -8,6 +8,7 @@
 #include <NotificationDatabase/NotificationUpdater/NotificationUpdaterImpl.hpp>
 #include <NotificationDatabase/Platform/MainQueue.hpp>
 
+#include "StressSupport.hpp"
 #include "TestSupport.hpp"
 
 #include <gtest/gtest.h>
@@ -32,31 +33,11 @@ namespace notificationdb {
 namespace {
 
 using testing::LogCapture;
+using testing::makeStressDirectory;
 using testing::RawDatabase;
+using testing::scaled;
 using testing::ScopedEnvironment;
 using testing::TemporaryDirectory;
-
-int scaled(int count) {
-    double factor = 1.0;
-    if (const char* text = std::getenv("NDB_STRESS_SCALE")) factor = std::atof(text);
-    if (!(factor > 0.0)) factor = 1.0;
-    return std::max(1, static_cast<int>(count * factor));
-}
-
-// A fresh directory for a stress run's database file: below NDB_STRESS_TMPDIR when set, else
-// on the memory-backed /dev/shm when there is one, else in the system's temporary directory.
-// The file still goes through the kernel's file system, its locks and its shared memory like
-// any other; only a commit's fsync, which costs milliseconds on a disk and which neither a race
-// between threads or processes nor a killed process depends on, is free there.
-std::unique_ptr<TemporaryDirectory> makeStressDirectory() {
-    std::optional<ScopedEnvironment> base;
-    if (const char* chosen = std::getenv("NDB_STRESS_TMPDIR")) {
-        base.emplace("TMPDIR", std::string(chosen));
-    } else if (::access("/dev/shm", W_OK | X_OK) == 0) {
-        base.emplace("TMPDIR", std::string("/dev/shm"));
-    }
-    return std::make_unique<TemporaryDirectory>();
-}
 
 Configuration writerConfiguration() {
     Configuration configuration;
@@ -208,7 +189,7 @@ TEST(Concurrency, ParallelSavesAndReadsOnOneStoreKeepEverySaveWholeAndOnce) {
 
     const int writers = 4;
     const int readers = 4;
-    const int perWriter = scaled(1000);
+    const int perWriter = scaled(1000, 1);
 
     std::atomic<bool> stop{false};
     std::atomic<long> reads{0};
@@ -275,7 +256,7 @@ TEST(Concurrency, MixedOperationsFromManyThreadsLeaveConsistentTables) {
     auto store = NotificationDatabaseImpl::create(NotificationDatabaseConfig(path, writerConfiguration()));
     auto updaterStore = std::static_pointer_cast<NotificationDatabaseProtocol>(store);
 
-    const int batches = scaled(200);
+    const int batches = scaled(200, 1);
     const int batchSize = 10;
     std::atomic<bool> stop{false};
     std::atomic<long> reads{0};
@@ -373,7 +354,7 @@ TEST(Concurrency, SeveralStoresOnOneFileInOneProcessLoseAndDuplicateNothing) {
     auto readOnlyStore = NotificationDatabaseImpl::create(NotificationDatabaseConfig(path, readerConfiguration()));
 
     const int writers = 4;
-    const int perWriter = scaled(300);
+    const int perWriter = scaled(300, 1);
     std::atomic<bool> stop{false};
     std::atomic<long> reads{0};
     Violations violations;

@@ -7,6 +7,7 @@
 #include <NotificationDatabase/NotificationDatabaseConfig.hpp>
 #include <NotificationDatabase/Platform/MainQueue.hpp>
 
+#include "StressSupport.hpp"
 #include "TestSupport.hpp"
 
 #include <gtest/gtest.h>
@@ -32,31 +33,11 @@ namespace {
 using testing::ChildProcess;
 using testing::childProgram;
 using testing::LogCapture;
+using testing::makeStressDirectory;
 using testing::RawDatabase;
+using testing::scaled;
 using testing::ScopedEnvironment;
 using testing::TemporaryDirectory;
-
-int scaled(int count) {
-    double factor = 1.0;
-    if (const char* text = std::getenv("NDB_STRESS_SCALE")) factor = std::atof(text);
-    if (!(factor > 0.0)) factor = 1.0;
-    return std::max(3, static_cast<int>(count * factor));
-}
-
-// A fresh directory for a stress run's database file: below NDB_STRESS_TMPDIR when set, else
-// on the memory-backed /dev/shm when there is one, else in the system's temporary directory.
-// The file still goes through the kernel's file system, its locks and its shared memory like
-// any other; only a commit's fsync, which costs milliseconds on a disk and which neither a race
-// between threads or processes nor a killed process depends on, is free there.
-std::unique_ptr<TemporaryDirectory> makeStressDirectory() {
-    std::optional<ScopedEnvironment> base;
-    if (const char* chosen = std::getenv("NDB_STRESS_TMPDIR")) {
-        base.emplace("TMPDIR", std::string(chosen));
-    } else if (::access("/dev/shm", W_OK | X_OK) == 0) {
-        base.emplace("TMPDIR", std::string("/dev/shm"));
-    }
-    return std::make_unique<TemporaryDirectory>();
-}
 
 bool startsWith(const std::string& text, const std::string& prefix) {
     return text.rfind(prefix, 0) == 0;
@@ -95,7 +76,7 @@ struct Reported {
 TEST(Crash, WriterKilledAtRandomMomentsLeavesAnIntactFileWithEveryReportedCommit) {
     const auto directory = makeStressDirectory();
     const auto path = *directory / "NotificationDatabase.sqlite";
-    const int kills = scaled(20);
+    const int kills = scaled(20, 3);
     std::mt19937 random(std::random_device{}());
     // At least four changes per run, so that every run also prunes once (its fourth change).
     std::uniform_int_distribution<int> changesBeforeKill(4, 30);

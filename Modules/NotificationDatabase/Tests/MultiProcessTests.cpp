@@ -8,6 +8,7 @@
 #include <NotificationDatabase/NotificationDatabaseConfig.hpp>
 #include <NotificationDatabase/Platform/MainQueue.hpp>
 
+#include "StressSupport.hpp"
 #include "TestSupport.hpp"
 
 #include <gtest/gtest.h>
@@ -28,31 +29,11 @@ namespace {
 
 using testing::ChildProcess;
 using testing::childProgram;
+using testing::makeStressDirectory;
+using testing::scaled;
 using testing::RawDatabase;
 using testing::ScopedEnvironment;
 using testing::TemporaryDirectory;
-
-int scaled(int count) {
-    double factor = 1.0;
-    if (const char* text = std::getenv("NDB_STRESS_SCALE")) factor = std::atof(text);
-    if (!(factor > 0.0)) factor = 1.0;
-    return std::max(10, static_cast<int>(count * factor));
-}
-
-// A fresh directory for a stress run's database file: below NDB_STRESS_TMPDIR when set, else
-// on the memory-backed /dev/shm when there is one, else in the system's temporary directory.
-// The file still goes through the kernel's file system, its locks and its shared memory like
-// any other; only a commit's fsync, which costs milliseconds on a disk and which neither a race
-// between threads or processes nor a killed process depends on, is free there.
-std::unique_ptr<TemporaryDirectory> makeStressDirectory() {
-    std::optional<ScopedEnvironment> base;
-    if (const char* chosen = std::getenv("NDB_STRESS_TMPDIR")) {
-        base.emplace("TMPDIR", std::string(chosen));
-    } else if (::access("/dev/shm", W_OK | X_OK) == 0) {
-        base.emplace("TMPDIR", std::string("/dev/shm"));
-    }
-    return std::make_unique<TemporaryDirectory>();
-}
 
 bool startsWith(const std::string& text, const std::string& prefix) {
     return text.rfind(prefix, 0) == 0;
@@ -146,7 +127,7 @@ TEST(MultiProcess, WriterProcessesAndReadOnlyReaderShareOneFile) {
     createStore(path);  // the read-only process needs the file and its tables
 
     const int writers = 4;
-    const int perWriter = scaled(500);
+    const int perWriter = scaled(500, 10);
 
     ChildProcess reader(childProgram("rel_reader"), {path.string(), stopFile.string()});
     ASSERT_EQ(reader.readLine(), "ready");
@@ -192,7 +173,7 @@ TEST(MultiProcess, WriterProcessesSettingUpANewFileTogether) {
     const auto path = *directory / "NotificationDatabase.sqlite";
     const auto goFile = *directory / "go";
     const int writers = 4;
-    const int perWriter = scaled(50);
+    const int perWriter = scaled(50, 10);
 
     std::vector<std::unique_ptr<ChildProcess>> children;
     for (int w = 0; w < writers; ++w) {
