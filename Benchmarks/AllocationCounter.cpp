@@ -59,30 +59,50 @@ AllocationProbe::AllocationProbe() noexcept {
     counting.store(true, std::memory_order_seq_cst);
 }
 
-AllocationProbe::~AllocationProbe() { counting.store(false, std::memory_order_seq_cst); }
+AllocationProbe::~AllocationProbe() {
+    counting.store(false, std::memory_order_seq_cst);
+}
 
-std::int64_t AllocationProbe::peakBytes() const noexcept { return peak.load(std::memory_order_relaxed); }
+std::int64_t AllocationProbe::peakBytes() const noexcept {
+    return peak.load(std::memory_order_relaxed);
+}
 
-std::int64_t AllocationProbe::currentBytes() const noexcept { return current.load(std::memory_order_relaxed); }
+std::int64_t AllocationProbe::currentBytes() const noexcept {
+    return current.load(std::memory_order_relaxed);
+}
 
-std::int64_t AllocationProbe::allocationCount() const noexcept { return count.load(std::memory_order_relaxed); }
+std::int64_t AllocationProbe::allocationCount() const noexcept {
+    return count.load(std::memory_order_relaxed);
+}
 
 }  // namespace notificationdb::bench
 
 // The replaced global operators. Aligned forms keep their default implementation, which pairs
 // its own allocation and release functions; nothing measured here uses them.
-void* operator new(std::size_t size) { return notificationdb::bench::allocate(size); }
-void* operator new[](std::size_t size) { return notificationdb::bench::allocate(size); }
+void* operator new(std::size_t size) {
+    return notificationdb::bench::allocate(size);
+}
+void* operator new[](std::size_t size) {
+    return notificationdb::bench::allocate(size);
+}
 void* operator new(std::size_t size, const std::nothrow_t& /*unused*/) noexcept {
     return notificationdb::bench::allocateNoThrow(size);
 }
 void* operator new[](std::size_t size, const std::nothrow_t& /*unused*/) noexcept {
     return notificationdb::bench::allocateNoThrow(size);
 }
-void operator delete(void* pointer) noexcept { notificationdb::bench::release(pointer); }
-void operator delete[](void* pointer) noexcept { notificationdb::bench::release(pointer); }
-void operator delete(void* pointer, std::size_t /*size*/) noexcept { notificationdb::bench::release(pointer); }
-void operator delete[](void* pointer, std::size_t /*size*/) noexcept { notificationdb::bench::release(pointer); }
+void operator delete(void* pointer) noexcept {
+    notificationdb::bench::release(pointer);
+}
+void operator delete[](void* pointer) noexcept {
+    notificationdb::bench::release(pointer);
+}
+void operator delete(void* pointer, std::size_t /*size*/) noexcept {
+    notificationdb::bench::release(pointer);
+}
+void operator delete[](void* pointer, std::size_t /*size*/) noexcept {
+    notificationdb::bench::release(pointer);
+}
 void operator delete(void* pointer, const std::nothrow_t& /*unused*/) noexcept {
     notificationdb::bench::release(pointer);
 }

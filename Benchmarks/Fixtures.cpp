@@ -26,12 +26,12 @@ std::filesystem::path& workspaceSlot() {
 
 const char* spreadName(Spread spread) {
     switch (spread) {
-    case Spread::twentyCustomers:
-        return "twenty-customers";
-    case Spread::withinLimits:
-        return "within-limits";
-    case Spread::twoThousandToPrune:
-        return "to-prune";
+        case Spread::twentyCustomers:
+            return "twenty-customers";
+        case Spread::withinLimits:
+            return "within-limits";
+        case Spread::twoThousandToPrune:
+            return "to-prune";
     }
     return "unknown";
 }
@@ -44,17 +44,17 @@ struct Placement {
 
 Placement place(Spread spread, int rowCount, int index) {
     switch (spread) {
-    case Spread::twentyCustomers:
-        return {index % 20, false};
-    case Spread::withinLimits:
-        return {index % 100, false};
-    case Spread::twoThousandToPrune: {
-        const int overLimitStart = rowCount * 7 / 10;
-        const int oldStart = rowCount * 9 / 10;
-        if (index < overLimitStart) return {index % 70, false};
-        if (index < oldStart) return {70 + index % 10, false};
-        return {80 + index % 10, true};
-    }
+        case Spread::twentyCustomers:
+            return {index % 20, false};
+        case Spread::withinLimits:
+            return {index % 100, false};
+        case Spread::twoThousandToPrune: {
+            const int overLimitStart = rowCount * 7 / 10;
+            const int oldStart = rowCount * 9 / 10;
+            if (index < overLimitStart) return {index % 70, false};
+            if (index < oldStart) return {70 + index % 10, false};
+            return {80 + index % 10, true};
+        }
     }
     return {0, false};
 }
@@ -241,24 +241,30 @@ Maintenance::Maintenance(const std::filesystem::path& path) : db_(openConnection
     execute("ATTACH DATABASE ':memory:' AS snap");
 }
 
-Maintenance::~Maintenance() { sqlite3_close_v2(db_); }
+Maintenance::~Maintenance() {
+    sqlite3_close_v2(db_);
+}
 
-void Maintenance::execute(const std::string& sql) { bench::execute(db_, sql); }
+void Maintenance::execute(const std::string& sql) {
+    bench::execute(db_, sql);
+}
 
 void Maintenance::snapshot(const std::string& condition) {
-    execute("DROP TABLE IF EXISTS snap.n; DROP TABLE IF EXISTS snap.b;"
-            "CREATE TABLE snap.n AS SELECT * FROM main.\"notification\" WHERE " +
-            condition +
-            ";"
-            "CREATE TABLE snap.b AS SELECT * FROM main.\"notificationButton\" "
-            "WHERE \"notificationId\" IN (SELECT \"id\" FROM snap.n)");
+    execute(
+        "DROP TABLE IF EXISTS snap.n; DROP TABLE IF EXISTS snap.b;"
+        "CREATE TABLE snap.n AS SELECT * FROM main.\"notification\" WHERE " +
+        condition +
+        ";"
+        "CREATE TABLE snap.b AS SELECT * FROM main.\"notificationButton\" "
+        "WHERE \"notificationId\" IN (SELECT \"id\" FROM snap.n)");
 }
 
 void Maintenance::restore() {
-    execute("BEGIN IMMEDIATE;"
-            "INSERT OR IGNORE INTO main.\"notification\" SELECT * FROM snap.n;"
-            "INSERT OR IGNORE INTO main.\"notificationButton\" SELECT * FROM snap.b;"
-            "COMMIT");
+    execute(
+        "BEGIN IMMEDIATE;"
+        "INSERT OR IGNORE INTO main.\"notification\" SELECT * FROM snap.n;"
+        "INSERT OR IGNORE INTO main.\"notificationButton\" SELECT * FROM snap.b;"
+        "COMMIT");
 }
 
 void Maintenance::deleteAbove(std::int64_t id) {

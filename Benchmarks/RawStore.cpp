@@ -44,7 +44,8 @@ constexpr std::size_t kPerCustomerLimit = 100;
 const std::string kSelectStar = "SELECT * FROM \"notification\" WHERE ";
 const std::string kContentDuplicate[2][2] = {
     {kSelectStar + "\"customerId\" IS NULL AND \"notificationKind\" = ?2 AND \"version\" = ?3 LIMIT 1",
-     kSelectStar + "\"customerId\" IS NULL AND \"notificationKind\" = ?2 AND \"version\" = ?3 AND \"appId\" = ?4 LIMIT 1"},
+     kSelectStar +
+         "\"customerId\" IS NULL AND \"notificationKind\" = ?2 AND \"version\" = ?3 AND \"appId\" = ?4 LIMIT 1"},
     {kSelectStar + "\"customerId\" = ?1 AND \"notificationKind\" = ?2 AND \"version\" = ?3 LIMIT 1",
      kSelectStar + "\"customerId\" = ?1 AND \"notificationKind\" = ?2 AND \"version\" = ?3 AND \"appId\" = ?4 LIMIT 1"},
 };
@@ -364,8 +365,8 @@ private:
 };
 
 RawStore::RawStore(const std::filesystem::path& path) {
-    const int rc = sqlite3_open_v2(path.c_str(), &writer_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
-                                   nullptr);
+    const int rc = sqlite3_open_v2(path.c_str(), &writer_,
+                                   SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
     if (rc != SQLITE_OK) {
         const std::string message = writer_ != nullptr ? sqlite3_errmsg(writer_) : "out of memory";
         sqlite3_close_v2(writer_);
@@ -389,8 +390,10 @@ RawStore::RawStore(const std::filesystem::path& path) {
             sqlite3_reset(exists);
             return found;
         };
-        if (!hasTable("notification")) check(writer_, sqlite3_exec(writer_, kCreateNotification, nullptr, nullptr, nullptr));
-        if (!hasTable("notificationButton")) check(writer_, sqlite3_exec(writer_, kCreateButton, nullptr, nullptr, nullptr));
+        if (!hasTable("notification"))
+            check(writer_, sqlite3_exec(writer_, kCreateNotification, nullptr, nullptr, nullptr));
+        if (!hasTable("notificationButton"))
+            check(writer_, sqlite3_exec(writer_, kCreateButton, nullptr, nullptr, nullptr));
         transaction.commit();
     } catch (...) {
         sqlite3_close_v2(writer_);
@@ -426,7 +429,9 @@ void RawStore::updateHook(void* context, int /*operation*/, const char* database
     if (std::string_view(database) == "main" && std::string_view(table) == "notification") store->pendingChange_ = true;
 }
 
-bool RawStore::takeChangeMark() noexcept { return std::exchange(committedChange_, false); }
+bool RawStore::takeChangeMark() noexcept {
+    return std::exchange(committedChange_, false);
+}
 
 void RawStore::save(const RawInfo& info) {
     WriteTransaction transaction(*this);
@@ -564,8 +569,8 @@ void RawStore::updateStatus(const std::vector<std::int64_t>& ids, std::int64_t s
 
 void RawStore::updateButtonVisibility(const std::vector<std::int64_t>& ids, bool isVisible) {
     WriteTransaction transaction(*this);
-    sqlite3_stmt* statement =
-        updateVisibility_.get(writer_, "UPDATE \"notificationButton\" SET \"visible\" = ? WHERE \"notificationId\" = ?");
+    sqlite3_stmt* statement = updateVisibility_.get(
+        writer_, "UPDATE \"notificationButton\" SET \"visible\" = ? WHERE \"notificationId\" = ?");
     for (const std::int64_t id : ids) {
         sqlite3_bind_int64(statement, 1, isVisible ? 1 : 0);
         sqlite3_bind_int64(statement, 2, id);

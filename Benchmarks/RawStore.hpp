@@ -119,8 +119,7 @@ private:
 
     sqlite3* openReader();
     void deleteNamed(const std::vector<const RawInfo*>& infos);
-    static void updateHook(void* context, int operation, const char* database, const char* table,
-                           sqlite3_int64 rowID);
+    static void updateHook(void* context, int operation, const char* database, const char* table, sqlite3_int64 rowID);
 
     sqlite3* writer_ = nullptr;
     sqlite3* reader_ = nullptr;

@@ -60,12 +60,14 @@ std::shared_ptr<NotificationDatabaseImpl> openLibraryStore(const std::filesystem
     return NotificationDatabaseImpl::create(NotificationDatabaseConfig(path, storeConfiguration()));
 }
 
-Timestamp now() { return std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now()); }
+Timestamp now() {
+    return std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now());
+}
 
 // New notifications that match no stored content key: kinds other than `default` (so the
 // content check runs), with a customer, an app and a button. With `firstID` they carry ids.
-std::vector<RawInfo> newNotifications(int count, const std::string& versionPrefix,
-                                      std::optional<std::int64_t> firstID, bool everyOtherWithButton) {
+std::vector<RawInfo> newNotifications(int count, const std::string& versionPrefix, std::optional<std::int64_t> firstID,
+                                      bool everyOtherWithButton) {
     std::vector<RawInfo> rows;
     rows.reserve(static_cast<std::size_t>(count));
     const Timestamp created = now() - 1h;
@@ -110,9 +112,13 @@ std::vector<std::int64_t> tenIDs() {
     return ids;
 }
 
-NotificationIDs toIDSet(const std::vector<std::int64_t>& ids) { return {ids.begin(), ids.end()}; }
+NotificationIDs toIDSet(const std::vector<std::int64_t>& ids) {
+    return {ids.begin(), ids.end()};
+}
 
-RawInfo middleRow() { return makeRow(Spread::twentyCustomers, kLarge, kMiddleIndex, now()); }
+RawInfo middleRow() {
+    return makeRow(Spread::twentyCustomers, kLarge, kMiddleIndex, now());
+}
 
 std::string inCondition(const std::vector<std::int64_t>& ids) {
     return "\"id\" IN (SELECT value FROM json_each('" + idList(ids) + "'))";
@@ -123,7 +129,6 @@ std::string inCondition(const std::vector<std::int64_t>& ids) {
 void expect(bool condition, const std::string& what) {
     if (!condition) throw std::runtime_error("unexpected state: " + what);
 }
-
 
 // The text of everything a fetch returned, so that the two sides can be compared.
 std::string describeRows(const std::vector<NotificationModelInfo>& rows) {
@@ -221,7 +226,8 @@ void measure(benchmark::State& state, Operation&& operation, Restore&& restore, 
 
 template <class Operation>
 void measure(benchmark::State& state, Operation&& operation) {
-    measure(state, operation, [] {}, 0, [] {});
+    measure(
+        state, operation, [] {}, 0, [] {});
 }
 
 // --- cases ----------------------------------------------------------------------------------
@@ -246,7 +252,8 @@ std::vector<Case> cases() {
                            WorkingCopy file(Spread::twentyCustomers, rows);
                            auto store = openLibraryStore(file.path());
                            Maintenance maintenance(file.path());
-                           const auto inputs = toModelInfos(newNotifications(kSaveRestoreInterval, "9.new.", {}, false));
+                           const auto inputs =
+                               toModelInfos(newNotifications(kSaveRestoreInterval, "9.new.", {}, false));
                            std::size_t next = 0;
                            measure(
                                state, [&] { store->save(inputs[next++ % inputs.size()]); },
@@ -293,14 +300,16 @@ std::vector<Case> cases() {
                            auto store = openLibraryStore(file.path());
                            Maintenance maintenance(file.path());
                            const NotificationModelInfo input = toModelInfo(duplicate());
-                           measure(state, [&] { store->save(input); }, [] {}, 0, [&] { check(maintenance); });
+                           measure(
+                               state, [&] { store->save(input); }, [] {}, 0, [&] { check(maintenance); });
                        },
                        [duplicate, check](benchmark::State& state) {
                            WorkingCopy file(Spread::twentyCustomers, kLarge);
                            RawStore store(file.path());
                            Maintenance maintenance(file.path());
                            const RawInfo input = duplicate();
-                           measure(state, [&] { store.save(input); }, [] {}, 0, [&] { check(maintenance); });
+                           measure(
+                               state, [&] { store.save(input); }, [] {}, 0, [&] { check(maintenance); });
                        }});
     }
 
@@ -395,7 +404,9 @@ std::vector<Case> cases() {
                        const RawNotification row = middleRow().notification;
                        const auto kind = static_cast<NotificationKind>(row.notificationKind);
                        const std::optional<std::string> version = row.version;
-                       const auto ask = [&] { return store->containsNotification(kind, *row.customerId, row.appId, version); };
+                       const auto ask = [&] {
+                           return store->containsNotification(kind, *row.customerId, row.appId, version);
+                       };
                        expect(ask(), "containsNotification");
                        measure(state, [&] { benchmark::DoNotOptimize(ask()); });
                    },
@@ -565,13 +576,15 @@ std::vector<Case> cases() {
                            auto store = openLibraryStore(file.path());
                            auto updater = std::make_shared<NotificationUpdaterImpl>(store);
                            Maintenance maintenance(file.path());
-                           measure(state, [&] { updater->cleanUp(); }, [] {}, 0, [&] { check(maintenance); });
+                           measure(
+                               state, [&] { updater->cleanUp(); }, [] {}, 0, [&] { check(maintenance); });
                        },
                        [check](benchmark::State& state) {
                            WorkingCopy file(Spread::withinLimits, kLarge);
                            RawStore store(file.path());
                            Maintenance maintenance(file.path());
-                           measure(state, [&] { rawCleanUp(store); }, [] {}, 0, [&] { check(maintenance); });
+                           measure(
+                               state, [&] { rawCleanUp(store); }, [] {}, 0, [&] { check(maintenance); });
                        }});
     }
 
@@ -607,22 +620,21 @@ std::vector<Case> cases() {
 
     // Opening a store on an existing file of 10,000 rows, no other connection open: the writer,
     // its pragmas and the schema check. Closing happens with the clock stopped.
-    all.push_back({"open/10000", Access::write,
-                   [](benchmark::State& state) {
-                       WorkingCopy file(Spread::twentyCustomers, kLarge);
-                       const NotificationDatabaseConfig config(file.path(), storeConfiguration());
-                       std::shared_ptr<NotificationDatabaseImpl> store;
-                       measure(
-                           state, [&] { store = NotificationDatabaseImpl::create(config); }, [&] { store.reset(); }, 1,
-                           [] {});
-                   },
-                   [](benchmark::State& state) {
-                       WorkingCopy file(Spread::twentyCustomers, kLarge);
-                       std::unique_ptr<RawStore> store;
-                       measure(
-                           state, [&] { store = std::make_unique<RawStore>(file.path()); }, [&] { store.reset(); }, 1,
-                           [] {});
-                   }});
+    all.push_back(
+        {"open/10000", Access::write,
+         [](benchmark::State& state) {
+             WorkingCopy file(Spread::twentyCustomers, kLarge);
+             const NotificationDatabaseConfig config(file.path(), storeConfiguration());
+             std::shared_ptr<NotificationDatabaseImpl> store;
+             measure(
+                 state, [&] { store = NotificationDatabaseImpl::create(config); }, [&] { store.reset(); }, 1, [] {});
+         },
+         [](benchmark::State& state) {
+             WorkingCopy file(Spread::twentyCustomers, kLarge);
+             std::unique_ptr<RawStore> store;
+             measure(
+                 state, [&] { store = std::make_unique<RawStore>(file.path()); }, [&] { store.reset(); }, 1, [] {});
+         }});
 
     return all;
 }

@@ -40,6 +40,9 @@ struct Statement::Layout {
         std::vector<int> indexes;
     };
 
+    // SQLite may prepare the statement again after a schema change, and `*` then expands to
+    // other columns: the layout belongs to one preparation.
+    int preparation = 0;
     int baseEnd = 0;
     std::vector<Scope> scopes;
     std::vector<Resolution> resolutions;
@@ -118,9 +121,6 @@ void Statement::execute() {
 void Statement::reset() noexcept {
     sqlite3_reset(statement_);
     sqlite3_clear_bindings(statement_);
-    // SQLite may prepare the statement again after a schema change, and `*` then expands to
-    // other columns: the layout is worked out anew for every run.
-    layout_.reset();
 }
 
 int Statement::columnCount() const noexcept {
@@ -133,8 +133,10 @@ std::string_view Statement::columnName(int index) const noexcept {
 }
 
 const Statement::Layout& Statement::layout() {
-    if (layout_) return *layout_;
+    const int preparation = sqlite3_stmt_status(statement_, SQLITE_STMTSTATUS_REPREPARE, 0);
+    if (layout_ && layout_->preparation == preparation) return *layout_;
     auto layout = std::make_unique<Layout>();
+    layout->preparation = preparation;
     const int count = columnCount();
     auto tableOf = [this](int index) {
         const char* table = sqlite3_column_table_name(statement_, index);
