@@ -501,18 +501,40 @@ void checkRowRoundTrip(Connection& connection, const Record& record, std::string
                std::string(context) + ": the record changed on its way through a row");
 }
 
-// Reads one record from a view and checks the outcome against the oracle.
+// The record read the keyed way: one value per column, then the keyed decoding; nullopt when
+// that refuses the row.
+template <class Record>
+std::optional<Record> readKeyed(const Row& row) {
+    using Coding = RecordCoding<Record>;
+    RecordValues<Record> values;
+    try {
+        for (std::size_t i = 0; i < values.size(); ++i) {
+            values[i] =
+                detail::readColumn(row, row.index(Coding::fields[i].name), Coding::fields[i], Coding::tableName);
+        }
+        return Coding::decode(values);
+    } catch (const RecordDecodingError&) {
+        return std::nullopt;
+    }
+}
+
+// Reads one record from a view and checks the outcome against the oracle, and against the
+// keyed way of reading it.
 template <class Record>
 void readAndCheck(Connection& connection, const Row& row, const std::vector<Cell>& cells, View view,
                   std::string_view context) {
     const auto expectation = expectRecord<Record>(cells, view);
+    const std::optional<Record> keyed = readKeyed<Record>(row);
     std::optional<Record> record;
     try {
         record.emplace(readRecord<Record>(row));
     } catch (const RecordDecodingError& error) {
         checkRefusal(expectation.mustSucceed, error, context);
+        FUZZ_CHECK(!keyed, std::string(context) + ": the keyed reading accepted a row the direct one refused");
         return;
     }
+    FUZZ_CHECK(keyed && encodeRecord(*keyed) == encodeRecord(*record),
+               std::string(context) + ": the keyed reading differs from the direct one");
     checkAgainst(*record, expectation, context);
     checkRowRoundTrip(connection, *record, context);
 }

@@ -83,7 +83,7 @@ void deleteNamed(Connection& connection, const Infos& infos) {
 
 std::vector<NotificationModelInfo> readJoined(Statement& statement) {
     std::vector<NotificationModelInfo> result;
-    while (statement.step()) result.push_back(NotificationModelInfo::fromJoinedRow(statement.row()));
+    while (statement.step()) result.emplace_back(statement.row());
     return result;
 }
 
@@ -178,7 +178,8 @@ void NotificationDatabaseImpl::save(const NotificationModelInfo& notificationInf
                 if (exists->step()) return;
             }
             if (contentDuplicate(notification, connection)) return;
-            saveRecord(connection, notification);
+            // No row holds the id (checked above, in this transaction), so saving it is an insert.
+            insertRecord(connection, notification);
             if (!notificationInfo.actionButton) return;
             NotificationButton button = *notificationInfo.actionButton;
             button.notificationId = notification.id();

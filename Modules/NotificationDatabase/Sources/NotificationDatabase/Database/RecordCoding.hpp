@@ -4,6 +4,7 @@
 #include <NotificationDatabase/Database/DateText.hpp>
 
 #include <array>
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -40,8 +41,10 @@ struct FieldDescriptor {
 //   static constexpr std::string_view tableName;
 //   static constexpr std::array<FieldDescriptor, N> fields;  // declaration order; "id" first
 //   static FieldValue encode(const Record&, std::size_t fieldIndex);
-//   // Builds a record from one value per field (moved from); throws `RecordDecodingError`
-//   // when a required value is absent or a value does not fit its field.
+//   // Builds a record from a source of field values (see `FieldSource`); throws
+//   // `RecordDecodingError` when a required value is absent or a value does not fit its field.
+//   template <FieldSource Source> static Record decode(Source& source);
+//   // The same from one keyed value per field (moved from).
 //   static Record decode(std::array<FieldValue, N>& values);
 //   static std::optional<std::int64_t> primaryKey(const Record&);
 //   static void didInsert(Record&, std::int64_t rowID);  // the insert hook
@@ -67,6 +70,40 @@ std::optional<Value> optionalValue(FieldValue& value, std::string_view table, st
     if (std::holds_alternative<std::monostate>(value)) return std::nullopt;
     return requiredValue<Value>(value, table, field);
 }
+
+// Where `decode` takes its values from: field `i` of the record as `Value` (std::int64_t for
+// integers and enumerations, std::string, Timestamp, bool, Bytes). `required` throws
+// `RecordDecodingError` naming the field when the value is absent or cannot be a `Value`;
+// `optional` gives nullopt for an absent value. A record's decoding is written once against
+// this interface and serves keyed values (`FieldValues`) and database rows alike.
+template <class Source>
+concept FieldSource = requires(Source& source, std::size_t i) {
+    { source.template required<std::int64_t>(i) } -> std::same_as<std::int64_t>;
+    { source.template optional<std::string>(i) } -> std::same_as<std::optional<std::string>>;
+};
+
+// A `FieldSource` over one keyed value per field; values are moved out as they are taken.
+template <std::size_t N>
+class FieldValues {
+public:
+    FieldValues(std::array<FieldValue, N>& values, std::string_view table,
+                const std::array<FieldDescriptor, N>& fields) noexcept
+        : values_(values), table_(table), fields_(fields) {}
+
+    template <class Value>
+    Value required(std::size_t i) {
+        return requiredValue<Value>(values_[i], table_, fields_[i].name);
+    }
+    template <class Value>
+    std::optional<Value> optional(std::size_t i) {
+        return optionalValue<Value>(values_[i], table_, fields_[i].name);
+    }
+
+private:
+    std::array<FieldValue, N>& values_;
+    std::string_view table_;
+    const std::array<FieldDescriptor, N>& fields_;
+};
 
 // Every field of `record`, in field order.
 template <class Record>

@@ -9,25 +9,6 @@ namespace notificationdb::detail {
 
 namespace {
 
-// An integer read from an INTEGER column, or from a REAL one that holds a whole number.
-std::optional<std::int64_t> integerValue(const Row& row, int index) {
-    switch (row.type(index)) {
-        case ColumnType::integer:
-            return row.int64(index);
-        case ColumnType::real: {
-            const double value = row.real(index);
-            // 2^63 is exactly representable; anything at or beyond it does not fit.
-            constexpr double limit = 9223372036854775808.0;
-            if (std::isfinite(value) && std::trunc(value) == value && value >= -limit && value < limit) {
-                return static_cast<std::int64_t>(value);
-            }
-            return std::nullopt;
-        }
-        default:
-            return std::nullopt;
-    }
-}
-
 void appendQuoted(std::string& sql, std::string_view identifier) {
     sql += '"';
     for (char c : identifier) {
@@ -39,8 +20,64 @@ void appendQuoted(std::string& sql, std::string_view identifier) {
 
 }  // namespace
 
+std::int64_t integerColumn(const Row& row, int index, ColumnType type, std::string_view table, std::string_view field) {
+    if (type == ColumnType::integer) return row.int64(index);
+    if (type == ColumnType::real) {
+        const double value = row.real(index);
+        // 2^63 is exactly representable; anything at or beyond it does not fit.
+        constexpr double limit = 9223372036854775808.0;
+        if (std::isfinite(value) && std::trunc(value) == value && value >= -limit && value < limit) {
+            return static_cast<std::int64_t>(value);
+        }
+    }
+    throw RecordDecodingError(table, field, "value is not an integer");
+}
+
+bool booleanColumn(const Row& row, int index, ColumnType type, std::string_view table, std::string_view field) {
+    if (type == ColumnType::integer) return row.int64(index) != 0;
+    if (type == ColumnType::real) return row.real(index) != 0.0;
+    throw RecordDecodingError(table, field, "value is not a boolean");
+}
+
+std::string textColumn(const Row& row, int index, ColumnType type, std::string_view table, std::string_view field) {
+    if (type == ColumnType::text) return std::string(row.text(index));
+    throw RecordDecodingError(table, field, "value is not text");
+}
+
+Bytes bytesColumn(const Row& row, int index, ColumnType type, std::string_view table, std::string_view field) {
+    if (type == ColumnType::blob) {
+        const auto bytes = row.blob(index);
+        return Bytes(bytes.begin(), bytes.end());
+    }
+    if (type == ColumnType::text) {
+        const std::string_view text = row.text(index);
+        return Bytes(text.begin(), text.end());
+    }
+    throw RecordDecodingError(table, field, "value is not a byte string");
+}
+
+Timestamp dateColumn(const Row& row, int index, ColumnType type, std::string_view table, std::string_view field) {
+    std::optional<Timestamp> date;
+    switch (type) {
+        case ColumnType::text:
+            date = parseDateText(row.text(index));
+            break;
+        case ColumnType::integer:
+            date = dateFromSecondsSince1970(static_cast<double>(row.int64(index)));
+            break;
+        case ColumnType::real:
+            date = dateFromSecondsSince1970(row.real(index));
+            break;
+        default:
+            break;
+    }
+    if (date) return *date;
+    throw RecordDecodingError(table, field, "value is not a date");
+}
+
 FieldValue readColumn(const Row& row, int index, const FieldDescriptor& field, std::string_view table) {
-    if (index < 0 || row.isNull(index)) {
+    const ColumnType type = index < 0 ? ColumnType::null : row.type(index);
+    if (type == ColumnType::null) {
         if (!field.optional) {
             throw RecordDecodingError(table, field.name, index < 0 ? "column is missing" : "required value is NULL");
         }
@@ -49,44 +86,15 @@ FieldValue readColumn(const Row& row, int index, const FieldDescriptor& field, s
     switch (field.type) {
         case FieldType::integer:
         case FieldType::enumeration:
-            if (auto value = integerValue(row, index)) return *value;
-            throw RecordDecodingError(table, field.name, "value is not an integer");
+            return integerColumn(row, index, type, table, field.name);
         case FieldType::boolean:
-            if (row.type(index) == ColumnType::integer) return row.int64(index) != 0;
-            if (row.type(index) == ColumnType::real) return row.real(index) != 0.0;
-            throw RecordDecodingError(table, field.name, "value is not a boolean");
+            return booleanColumn(row, index, type, table, field.name);
         case FieldType::text:
-            if (row.type(index) == ColumnType::text) return std::string(row.text(index));
-            throw RecordDecodingError(table, field.name, "value is not text");
-        case FieldType::bytes: {
-            if (row.type(index) == ColumnType::blob || row.type(index) == ColumnType::text) {
-                const auto bytes =
-                    row.type(index) == ColumnType::blob
-                        ? row.blob(index)
-                        : std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(row.text(index).data()),
-                                                        row.text(index).size());
-                return Bytes(bytes.begin(), bytes.end());
-            }
-            throw RecordDecodingError(table, field.name, "value is not a byte string");
-        }
-        case FieldType::date: {
-            std::optional<Timestamp> date;
-            switch (row.type(index)) {
-                case ColumnType::text:
-                    date = parseDateText(row.text(index));
-                    break;
-                case ColumnType::integer:
-                    date = dateFromSecondsSince1970(static_cast<double>(row.int64(index)));
-                    break;
-                case ColumnType::real:
-                    date = dateFromSecondsSince1970(row.real(index));
-                    break;
-                default:
-                    break;
-            }
-            if (date) return *date;
-            throw RecordDecodingError(table, field.name, "value is not a date");
-        }
+            return textColumn(row, index, type, table, field.name);
+        case FieldType::bytes:
+            return bytesColumn(row, index, type, table, field.name);
+        case FieldType::date:
+            return dateColumn(row, index, type, table, field.name);
     }
     throw RecordDecodingError(table, field.name, "unknown field type");
 }

@@ -10,10 +10,38 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <type_traits>
+#include <vector>
 
 namespace notificationdb {
 
 namespace detail {
+
+// Conversions of the non-NULL value in column `index` of `row`, whose storage class is `type`;
+// each throws `RecordDecodingError` naming `table` and `field` when the value cannot take the
+// kind. Integers also come from whole REAL values, booleans from any number, byte strings
+// from BLOB or TEXT, dates from date text or seconds since 1970.
+std::int64_t integerColumn(const Row& row, int index, ColumnType type, std::string_view table, std::string_view field);
+bool booleanColumn(const Row& row, int index, ColumnType type, std::string_view table, std::string_view field);
+std::string textColumn(const Row& row, int index, ColumnType type, std::string_view table, std::string_view field);
+Bytes bytesColumn(const Row& row, int index, ColumnType type, std::string_view table, std::string_view field);
+Timestamp dateColumn(const Row& row, int index, ColumnType type, std::string_view table, std::string_view field);
+
+template <class Value>
+Value columnValue(const Row& row, int index, ColumnType type, std::string_view table, std::string_view field) {
+    if constexpr (std::is_same_v<Value, std::int64_t>) {
+        return integerColumn(row, index, type, table, field);
+    } else if constexpr (std::is_same_v<Value, bool>) {
+        return booleanColumn(row, index, type, table, field);
+    } else if constexpr (std::is_same_v<Value, std::string>) {
+        return textColumn(row, index, type, table, field);
+    } else if constexpr (std::is_same_v<Value, Bytes>) {
+        return bytesColumn(row, index, type, table, field);
+    } else {
+        static_assert(std::is_same_v<Value, Timestamp>, "a field value is an integer, bool, text, bytes or date");
+        return dateColumn(row, index, type, table, field);
+    }
+}
 
 // The value of column `index` of `row` converted for `field`; absent for NULL or a missing
 // column (index -1). Throws `RecordDecodingError` when the value cannot take the field's kind.
@@ -36,18 +64,47 @@ std::array<std::string_view, RecordCoding<Record>::fields.size()> fieldNames() {
 
 }  // namespace detail
 
+// A `FieldSource` reading straight from the columns of a row: field `i` is the column at
+// `indexes[i]` (-1 when the row has no such column, which reads as absent).
+class RowFields {
+public:
+    RowFields(const Row& row, const std::vector<int>& indexes, std::string_view table,
+              std::span<const FieldDescriptor> fields) noexcept
+        : row_(row), indexes_(indexes), table_(table), fields_(fields) {}
+
+    template <class Value>
+    Value required(std::size_t i) {
+        const int index = indexes_[i];
+        const ColumnType type = index < 0 ? ColumnType::null : row_.type(index);
+        if (type == ColumnType::null) {
+            throw RecordDecodingError(table_, fields_[i].name,
+                                      index < 0 ? "column is missing" : "required value is NULL");
+        }
+        return detail::columnValue<Value>(row_, index, type, table_, fields_[i].name);
+    }
+    template <class Value>
+    std::optional<Value> optional(std::size_t i) {
+        const int index = indexes_[i];
+        const ColumnType type = index < 0 ? ColumnType::null : row_.type(index);
+        if (type == ColumnType::null) return std::nullopt;
+        return detail::columnValue<Value>(row_, index, type, table_, fields_[i].name);
+    }
+
+private:
+    const Row& row_;
+    const std::vector<int>& indexes_;
+    std::string_view table_;
+    std::span<const FieldDescriptor> fields_;
+};
+
 // Reads a record from `row` by column name: columns may stand in any order, extra columns are
 // ignored, a missing or NULL column gives an absent field. Throws `RecordDecodingError`.
 template <class Record>
 Record readRecord(const Row& row) {
     using Coding = RecordCoding<Record>;
     static const auto names = detail::fieldNames<Record>();
-    const std::vector<int>& indexes = row.resolve(&names, names);
-    RecordValues<Record> values;
-    for (std::size_t i = 0; i < values.size(); ++i) {
-        values[i] = detail::readColumn(row, indexes[i], Coding::fields[i], Coding::tableName);
-    }
-    return Coding::decode(values);
+    RowFields fields(row, row.resolve(&names, names), Coding::tableName, Coding::fields);
+    return Coding::decode(fields);
 }
 
 // Binds every field of `record` to parameters `firstIndex`, `firstIndex + 1`, ... in field

@@ -46,6 +46,10 @@ struct Statement::Layout {
     int baseEnd = 0;
     std::vector<Scope> scopes;
     std::vector<Resolution> resolutions;
+    // The last scope asked for by name (readers ask for the same one on every row) and its
+    // index in `scopes` (-1: none of that name).
+    std::string lastScopeName;
+    int lastScope = -1;
 };
 
 Statement::Statement(sqlite3* connection, std::string_view sql, ChangeJournal* journal)
@@ -175,10 +179,20 @@ int Row::index(std::string_view name) const noexcept {
 }
 
 std::optional<Row> Row::scope(std::string_view name) const {
-    for (const auto& scope : statement_->layout().scopes) {
-        if (equalsIgnoringCase(scope.name, name)) return Row(statement_, scope.begin, scope.end);
+    auto& layout = const_cast<Statement::Layout&>(statement_->layout());
+    if (name != layout.lastScopeName) {
+        layout.lastScope = -1;
+        for (std::size_t i = 0; i < layout.scopes.size(); ++i) {
+            if (equalsIgnoringCase(layout.scopes[i].name, name)) {
+                layout.lastScope = static_cast<int>(i);
+                break;
+            }
+        }
+        layout.lastScopeName = name;
     }
-    return std::nullopt;
+    if (layout.lastScope < 0) return std::nullopt;
+    const auto& scope = layout.scopes[static_cast<std::size_t>(layout.lastScope)];
+    return Row(statement_, scope.begin, scope.end);
 }
 
 bool Row::allNull() const noexcept {

@@ -1,5 +1,7 @@
 #include "NotificationDatabase/NotificationModel/NotificationButtonModel.hpp"
 
+#include "NotificationDatabase/Database/RecordPersistence.hpp"
+
 #include <array>
 #include <utility>
 
@@ -9,16 +11,6 @@ namespace {
 
 constexpr std::array<std::string_view, 7> kActionKindNames{
     "openCabinet", "openApp", "openCollection", "openLink", "openBlogArticle", "openVantro", "refreshInstalledApps"};
-
-template <class Value>
-Value required(FieldValue& value, std::string_view field) {
-    return requiredValue<Value>(value, NotificationButton::databaseTableName, field);
-}
-
-template <class Value>
-std::optional<Value> optional(FieldValue& value, std::string_view field) {
-    return optionalValue<Value>(value, NotificationButton::databaseTableName, field);
-}
 
 }  // namespace
 
@@ -82,19 +74,20 @@ FieldValue RecordCoding<NotificationButton>::encode(const NotificationButton& re
     }
 }
 
-NotificationButton RecordCoding<NotificationButton>::decode(std::array<FieldValue, 7>& values) {
+template <FieldSource Source>
+NotificationButton RecordCoding<NotificationButton>::decode(Source& source) {
     std::optional<UserActionKind> actionKind;
-    if (auto raw = optional<std::int64_t>(values[5], "actionKind")) {
+    if (auto raw = source.template optional<std::int64_t>(5)) {
         actionKind = fromRawValue<UserActionKind>(*raw);
         if (!actionKind) throw RecordDecodingError(tableName, "actionKind", "integer is no UserActionKind");
     }
-    return {optional<std::int64_t>(values[0], "id"),
-            optional<std::string>(values[1], "buttonId"),
-            optional<std::string>(values[2], "title"),
-            required<bool>(values[3], "visible"),
-            optional<std::int64_t>(values[4], "notificationId"),
-            actionKind,
-            optional<Bytes>(values[6], "userAction")};
+    return {source.template optional<std::int64_t>(0), source.template optional<std::string>(1),
+            source.template optional<std::string>(2),  source.template required<bool>(3),
+            source.template optional<std::int64_t>(4), actionKind,
+            source.template optional<Bytes>(6)};
 }
+
+template NotificationButton RecordCoding<NotificationButton>::decode(FieldValues<7>&);
+template NotificationButton RecordCoding<NotificationButton>::decode(RowFields&);
 
 }  // namespace notificationdb

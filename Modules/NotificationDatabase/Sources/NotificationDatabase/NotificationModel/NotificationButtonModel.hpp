@@ -85,7 +85,12 @@ struct RecordCoding<NotificationButton> {
     }};
 
     static FieldValue encode(const NotificationButton& record, std::size_t fieldIndex);
-    static NotificationButton decode(std::array<FieldValue, 7>& values);
+    template <FieldSource Source>
+    static NotificationButton decode(Source& source);
+    static NotificationButton decode(std::array<FieldValue, 7>& values) {
+        FieldValues<7> source(values, tableName, fields);
+        return decode(source);
+    }
     static std::optional<std::int64_t> primaryKey(const NotificationButton& record) noexcept { return record.id_; }
     static void didInsert(NotificationButton& record, std::int64_t rowID) noexcept { record.id_ = rowID; }
 };

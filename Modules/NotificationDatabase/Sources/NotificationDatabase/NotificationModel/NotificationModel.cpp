@@ -1,6 +1,7 @@
 #include "NotificationDatabase/NotificationModel/NotificationModel.hpp"
 
 #include "NotificationDatabase/Database/DatabaseError.hpp"
+#include "NotificationDatabase/Database/RecordPersistence.hpp"
 
 #include <array>
 #include <utility>
@@ -11,16 +12,6 @@ namespace {
 
 constexpr std::array<std::string_view, 3> kStatusNames{"new", "shown", "read"};
 constexpr std::array<std::string_view, 5> kKindNames{"default", "newApp", "appUpdate", "vantroUpdate", "ai"};
-
-template <class Value>
-Value required(FieldValue& value, std::string_view field) {
-    return requiredValue<Value>(value, NotificationModel::databaseTableName, field);
-}
-
-template <class Value>
-std::optional<Value> optional(FieldValue& value, std::string_view field) {
-    return optionalValue<Value>(value, NotificationModel::databaseTableName, field);
-}
 
 }  // namespace
 
@@ -129,23 +120,27 @@ FieldValue RecordCoding<NotificationModel>::encode(const NotificationModel& reco
     }
 }
 
-NotificationModel RecordCoding<NotificationModel>::decode(std::array<FieldValue, 12>& values) {
-    const auto status = fromRawValue<NotificationStatus>(required<std::int64_t>(values[10], "status"));
+template <FieldSource Source>
+NotificationModel RecordCoding<NotificationModel>::decode(Source& source) {
+    const auto status = fromRawValue<NotificationStatus>(source.template required<std::int64_t>(10));
     if (!status) throw RecordDecodingError(tableName, "status", "integer is no NotificationStatus");
-    const auto kind = fromRawValue<NotificationKind>(required<std::int64_t>(values[11], "notificationKind"));
+    const auto kind = fromRawValue<NotificationKind>(source.template required<std::int64_t>(11));
     if (!kind) throw RecordDecodingError(tableName, "notificationKind", "integer is no NotificationKind");
-    return {optional<std::int64_t>(values[0], "id"),
-            optional<std::string>(values[1], "customerId"),
-            required<Timestamp>(values[2], "createdDate"),
-            required<std::string>(values[3], "version"),
-            required<std::string>(values[4], "analyticsTag"),
-            optional<std::string>(values[5], "title"),
-            optional<std::string>(values[6], "body"),
-            optional<std::string>(values[7], "bannerUrl"),
-            required<bool>(values[8], "isMarketing"),
-            optional<std::int64_t>(values[9], "appId"),
+    return {source.template optional<std::int64_t>(0),
+            source.template optional<std::string>(1),
+            source.template required<Timestamp>(2),
+            source.template required<std::string>(3),
+            source.template required<std::string>(4),
+            source.template optional<std::string>(5),
+            source.template optional<std::string>(6),
+            source.template optional<std::string>(7),
+            source.template required<bool>(8),
+            source.template optional<std::int64_t>(9),
             *status,
             *kind};
 }
+
+template NotificationModel RecordCoding<NotificationModel>::decode(FieldValues<12>&);
+template NotificationModel RecordCoding<NotificationModel>::decode(RowFields&);
 
 }  // namespace notificationdb

@@ -107,7 +107,12 @@ struct RecordCoding<NotificationModel> {
     }};
 
     static FieldValue encode(const NotificationModel& record, std::size_t fieldIndex);
-    static NotificationModel decode(std::array<FieldValue, 12>& values);
+    template <FieldSource Source>
+    static NotificationModel decode(Source& source);
+    static NotificationModel decode(std::array<FieldValue, 12>& values) {
+        FieldValues<12> source(values, tableName, fields);
+        return decode(source);
+    }
     static std::optional<std::int64_t> primaryKey(const NotificationModel& record) noexcept { return record.id_; }
     static void didInsert(NotificationModel& record, std::int64_t rowID) noexcept { record.id_ = rowID; }
 };

@@ -5,14 +5,20 @@
 
 namespace notificationdb {
 
-NotificationModelInfo NotificationModelInfo::fromJoinedRow(const Row& row) {
-    NotificationModel notification = readRecord<NotificationModel>(row);
-    std::optional<NotificationButton> button;
-    if (auto scope = row.scope(actionButtonKey); scope && !scope->allNull()) {
-        button = readRecord<NotificationButton>(*scope);
+namespace {
+
+std::optional<NotificationButton> readActionButton(const Row& row) {
+    if (auto scope = row.scope(NotificationModelInfo::actionButtonKey); scope && !scope->allNull()) {
+        return readRecord<NotificationButton>(*scope);
     }
-    return {std::move(notification), std::move(button)};
+    return std::nullopt;
 }
+
+}  // namespace
+
+// Each member is built straight from its columns, the notification first.
+NotificationModelInfo::NotificationModelInfo(const Row& joinedRow)
+    : notification(readRecord<NotificationModel>(joinedRow)), actionButton(readActionButton(joinedRow)) {}
 
 std::string describe(const NotificationIDs& ids) {
     std::string text = "[";

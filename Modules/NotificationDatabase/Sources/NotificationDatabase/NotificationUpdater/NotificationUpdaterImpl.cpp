@@ -1,10 +1,12 @@
 #include <NotificationDatabase/NotificationUpdater/NotificationUpdaterImpl.hpp>
 
 #include <algorithm>
+#include <cstddef>
 #include <map>
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace notificationdb {
 
@@ -31,30 +33,35 @@ void NotificationUpdaterImpl::save(const NotificationModelInfoSet& notifications
 
 void NotificationUpdaterImpl::cleanUp() {
     const auto cutOff = now_() - ageLimit;
-    const std::vector<NotificationModelInfo> stored = store_->fetchNotifications(std::nullopt);
+    std::vector<NotificationModelInfo> stored = store_->fetchNotifications(std::nullopt);
 
-    NotificationModelInfoSet expired;
-    for (const auto& info : stored) {
-        if (info.notification.createdDate <= cutOff) expired.insert(info);
+    // Marks by position in `stored`; the marked entries are moved out at the end.
+    std::vector<bool> isExpired(stored.size(), false);
+    for (std::size_t i = 0; i < stored.size(); ++i) {
+        if (stored[i].notification.createdDate <= cutOff) isExpired[i] = true;
     }
 
     // Every entry counts toward its customer's limit, old ones included; entries without a
     // customer form one group of their own (nullopt is a key like any other).
-    std::map<std::optional<std::string>, std::vector<const NotificationModelInfo*>> groups;
-    for (const auto& info : stored) groups[info.notification.customerId()].push_back(&info);
+    std::map<std::optional<std::string>, std::vector<std::size_t>> groups;
+    for (std::size_t i = 0; i < stored.size(); ++i) groups[stored[i].notification.customerId()].push_back(i);
 
     for (auto& [customerId, group] : groups) {
         if (group.size() <= perCustomerLimit) continue;
         // Stable, so entries with equal dates keep the order in which the store returned them.
-        std::stable_sort(group.begin(), group.end(), [](const auto* lhs, const auto* rhs) {
-            return lhs->notification.createdDate > rhs->notification.createdDate;
+        std::stable_sort(group.begin(), group.end(), [&stored](std::size_t lhs, std::size_t rhs) {
+            return stored[lhs].notification.createdDate > stored[rhs].notification.createdDate;
         });
         for (auto entry = group.begin() + static_cast<std::ptrdiff_t>(perCustomerLimit); entry != group.end();
              ++entry) {
-            expired.insert(**entry);
+            isExpired[*entry] = true;
         }
     }
 
+    NotificationModelInfoSet expired;
+    for (std::size_t i = 0; i < stored.size(); ++i) {
+        if (isExpired[i]) expired.insert(std::move(stored[i]));
+    }
     if (!expired.empty()) store_->deleteNotifications(expired);
 }
 
