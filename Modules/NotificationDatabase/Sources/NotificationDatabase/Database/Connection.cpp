@@ -69,8 +69,9 @@ Connection::Connection(const std::filesystem::path& path, Mode mode, const BusyM
         }
         execute("PRAGMA foreign_keys = ON");
         // Reading the schema makes SQLite look at the file now, so that a file that is no
-        // database fails here rather than at the first query.
-        execute("SELECT count(*) FROM sqlite_master");
+        // database fails here rather than at the first query. A read-write connection is the
+        // pool's writer, which sets the journal mode next and so reads the file anyway.
+        if (mode == Mode::readOnly) execute("SELECT count(*) FROM sqlite_master");
     } catch (...) {
         sqlite3_close_v2(db_);
         db_ = nullptr;
