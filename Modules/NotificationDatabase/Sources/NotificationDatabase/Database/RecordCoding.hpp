@@ -43,6 +43,7 @@ struct FieldDescriptor {
 //   static FieldValue encode(const Record&, std::size_t fieldIndex);
 //   // Builds a record from a source of field values (see `FieldSource`); throws
 //   // `RecordDecodingError` when a required value is absent or a value does not fit its field.
+//   // The library's records provide it for `FieldValues` and `RowFields`.
 //   template <FieldSource Source> static Record decode(Source& source);
 //   // The same from one keyed value per field (moved from).
 //   static Record decode(std::array<FieldValue, N>& values);
