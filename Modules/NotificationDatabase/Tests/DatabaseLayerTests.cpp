@@ -6,45 +6,21 @@
 
 #include "TestSupport.hpp"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <atomic>
-#include <chrono>
 #include <condition_variable>
-#include <cstdint>
-#include <fstream>
 #include <future>
-#include <mutex>
-#include <stdexcept>
-#include <string>
 #include <thread>
-#include <vector>
 
 namespace notificationdb {
 namespace {
 
+using namespace testing;
 using namespace std::chrono_literals;
-using testing::caught;
-using testing::ChildProcess;
-using testing::childProgram;
-using testing::RawDatabase;
-using testing::TemporaryDirectory;
 
 // Bound after which a test stops waiting for another thread instead of hanging.
 constexpr auto watchdog = 10s;
-
-Configuration writable(BusyMode busyMode = BusyMode::timeout(10.0)) {
-    Configuration configuration;
-    configuration.busyMode = std::move(busyMode);
-    return configuration;
-}
-
-Configuration readOnly() {
-    Configuration configuration;
-    configuration.readOnly = true;
-    return configuration;
-}
 
 std::int64_t integer(Connection& connection, std::string_view sql) {
     auto statement = connection.cachedStatement(sql);
@@ -60,7 +36,7 @@ class DatabasePoolTest : public ::testing::Test {
 protected:
     // A read-write pool on a file with the table "t" (one row) that the lock-holding child uses.
     DatabasePool& makeFileWithTable() {
-        pool_ = std::make_unique<DatabasePool>(path, writable());
+        pool_ = std::make_unique<DatabasePool>(path, writerConfiguration());
         pool_->write([](Connection& connection) {
             connection.execute("CREATE TABLE t (v TEXT NOT NULL); INSERT INTO t (v) VALUES ('first')");
         });
@@ -75,26 +51,20 @@ private:
 };
 
 TEST_F(DatabasePoolTest, ConnectionsOpenAsConfigured) {
-    auto missing = caught<DatabaseError>([&] { DatabasePool pool(path, readOnly()); });
-    ASSERT_TRUE(missing);
-    EXPECT_EQ(missing->resultCode(), SQLITE_CANTOPEN);
+    EXPECT_EQ(caught<DatabaseError>([&] { DatabasePool pool(path, readerConfiguration()); }).value().resultCode(),
+              SQLITE_CANTOPEN);
     EXPECT_FALSE(std::filesystem::exists(path));
 
     DatabasePool& writer = makeFileWithTable();
+    const auto insert = [](Connection& connection) { connection.execute("INSERT INTO t (v) VALUES ('x')"); };
     // Readers of a read-write pool open the file read-only too.
-    auto readerWrite = caught<DatabaseError>(
-        [&] { writer.read([](Connection& connection) { connection.execute("INSERT INTO t (v) VALUES ('x')"); }); });
-    ASSERT_TRUE(readerWrite);
-    EXPECT_EQ(readerWrite->resultCode(), SQLITE_READONLY);
+    EXPECT_EQ(caught<DatabaseError>([&] { writer.read(insert); }).value().resultCode(), SQLITE_READONLY);
 
-    DatabasePool reading(path, readOnly());
+    DatabasePool reading(path, readerConfiguration());
     EXPECT_EQ(rowCount(reading), 1);
     // The writer of a read-only pool reads inside write() but cannot change anything.
     EXPECT_EQ(reading.write([](Connection& connection) { return integer(connection, "SELECT count(*) FROM t"); }), 1);
-    auto refused = caught<DatabaseError>(
-        [&] { reading.write([](Connection& connection) { connection.execute("DELETE FROM t"); }); });
-    ASSERT_TRUE(refused);
-    EXPECT_EQ(refused->resultCode(), SQLITE_READONLY);
+    EXPECT_EQ(caught<DatabaseError>([&] { reading.write(insert); }).value().resultCode(), SQLITE_READONLY);
     EXPECT_EQ(rowCount(writer), 1);
 
     // Foreign keys are enforced on every connection; the file is in WAL mode.
@@ -104,12 +74,6 @@ TEST_F(DatabasePoolTest, ConnectionsOpenAsConfigured) {
         EXPECT_EQ(pool->read(foreignKeys), 1);
     }
     EXPECT_EQ(RawDatabase(path).scalar("PRAGMA journal_mode"), "wal");
-
-    const auto garbage = directory / "garbage.sqlite";
-    std::ofstream(garbage) << std::string(4096, 'x');
-    auto notADatabase = caught<DatabaseError>([&] { DatabasePool pool(garbage, writable()); });
-    ASSERT_TRUE(notADatabase);
-    EXPECT_EQ(notADatabase->resultCode(), SQLITE_NOTADB);
 }
 
 TEST_F(DatabasePoolTest, WriteCommitsOnReturnAndRollsBackOnAnyFailure) {
@@ -125,14 +89,13 @@ TEST_F(DatabasePoolTest, WriteCommitsOnReturnAndRollsBackOnAnyFailure) {
         throw std::logic_error("abandon");
     }),
                  std::logic_error);
-    auto failed = caught<DatabaseError>([&] {
+    const auto failed = caught<DatabaseError>([&] {
         pool.write([](Connection& connection) {
             connection.execute("INSERT INTO t (v) VALUES ('before the failure')");
             connection.execute("INSERT INTO t (v) VALUES (NULL)");
         });
     });
-    ASSERT_TRUE(failed);
-    EXPECT_EQ(failed->extendedResultCode(), SQLITE_CONSTRAINT_NOTNULL);
+    EXPECT_EQ(failed.value().extendedResultCode(), SQLITE_CONSTRAINT_NOTNULL);
     EXPECT_EQ(rowCount(pool), 2);
     // The writer was not left inside a transaction: the next write begins and commits.
     pool.write([](Connection& connection) { connection.execute("INSERT INTO t (v) VALUES ('third')"); });
@@ -165,18 +128,12 @@ TEST_F(DatabasePoolTest, AtMostFiveReadersAndReleaseMemoryClosesOnlyIdleOnes) {
     DatabasePool& pool = makeFileWithTable();
     std::mutex mutex;
     std::condition_variable changed;
-    int started = 0;
     int inside = 0;
     int mostInside = 0;
     bool release = false;
     std::vector<std::thread> readers;
     for (int i = 0; i < 6; ++i) {
         readers.emplace_back([&] {
-            {
-                std::lock_guard lock(mutex);
-                ++started;
-            }
-            changed.notify_all();
             pool.read([&](Connection& connection) {
                 integer(connection, "SELECT count(*) FROM t");
                 std::unique_lock lock(mutex);
@@ -189,7 +146,7 @@ TEST_F(DatabasePoolTest, AtMostFiveReadersAndReleaseMemoryClosesOnlyIdleOnes) {
     }
     {
         std::unique_lock lock(mutex);
-        EXPECT_TRUE(changed.wait_for(lock, watchdog, [&] { return started == 6 && inside == 5; }));
+        EXPECT_TRUE(changed.wait_for(lock, watchdog, [&] { return inside == 5; }));
     }
     // Gives a sixth reader the chance to slip past the limit; with the limit kept it waits.
     std::this_thread::sleep_for(100ms);
@@ -211,9 +168,7 @@ TEST_F(DatabasePoolTest, AtMostFiveReadersAndReleaseMemoryClosesOnlyIdleOnes) {
     EXPECT_EQ(rowCount(pool), 1);
     EXPECT_EQ(pool.openReaderCount(), 1);
 
-    Configuration persistent = readOnly();
-    persistent.persistentReadOnlyConnections = true;
-    DatabasePool keeping(path, persistent);
+    DatabasePool keeping(path, readerConfiguration());
     EXPECT_EQ(rowCount(keeping), 1);
     keeping.releaseMemory();
     EXPECT_EQ(keeping.openReaderCount(), 1);
@@ -221,10 +176,10 @@ TEST_F(DatabasePoolTest, AtMostFiveReadersAndReleaseMemoryClosesOnlyIdleOnes) {
 
 TEST_F(DatabasePoolTest, WriterMeetsAnotherProcesssLockAccordingToItsBusyMode) {
     makeFileWithTable();
-    DatabasePool patient(path, writable(BusyMode::timeout(10.0)));
-    DatabasePool impatient(path, writable(BusyMode::immediateError()));
+    DatabasePool patient(path, writerConfiguration(BusyMode::timeout(10.0)));
+    DatabasePool impatient(path, writerConfiguration(BusyMode::immediateError()));
     std::vector<int> tries;
-    DatabasePool asking(path, writable(BusyMode::callback([&](int numberOfTries) {
+    DatabasePool asking(path, writerConfiguration(BusyMode::callback([&](int numberOfTries) {
                             tries.push_back(numberOfTries);
                             return numberOfTries < 3;
                         })));
@@ -233,12 +188,8 @@ TEST_F(DatabasePoolTest, WriterMeetsAnotherProcesssLockAccordingToItsBusyMode) {
     {
         ChildProcess holder(childProgram("hold_lock"), {path.string(), "60000"});
         ASSERT_EQ(holder.readLine(), "locked");
-        auto busy = caught<DatabaseError>([&] { impatient.write(insert); });
-        ASSERT_TRUE(busy);
-        EXPECT_EQ(busy->resultCode(), SQLITE_BUSY);
-        auto refused = caught<DatabaseError>([&] { asking.write(insert); });
-        ASSERT_TRUE(refused);
-        EXPECT_EQ(refused->resultCode(), SQLITE_BUSY);
+        EXPECT_EQ(caught<DatabaseError>([&] { impatient.write(insert); }).value().resultCode(), SQLITE_BUSY);
+        EXPECT_EQ(caught<DatabaseError>([&] { asking.write(insert); }).value().resultCode(), SQLITE_BUSY);
         EXPECT_EQ(tries, (std::vector<int>{0, 1, 2, 3}));
         // Readers are not held up by the lock and do not see the uncommitted row.
         EXPECT_EQ(rowCount(impatient), 1);
@@ -251,12 +202,11 @@ TEST_F(DatabasePoolTest, WriterMeetsAnotherProcesssLockAccordingToItsBusyMode) {
     EXPECT_NO_THROW(patient.write(insert));
     EXPECT_EQ(holder.readLine(), "released");
     EXPECT_EQ(holder.wait(), 0);
-    EXPECT_EQ(RawDatabase(path).query("SELECT v FROM t ORDER BY rowid"),
-              (std::vector<std::vector<std::string>>{{"first"}, {"child"}, {"parent"}}));
+    EXPECT_EQ(RawDatabase(path).query("SELECT v FROM t ORDER BY rowid"), (Rows{{"first"}, {"child"}, {"parent"}}));
 }
 
 TEST_F(DatabasePoolTest, ObservationReportsEachCommittedTransactionThatChangedATrackedTable) {
-    DatabasePool pool(path, writable());
+    DatabasePool pool(path, writerConfiguration());
     pool.write([](Connection& connection) {
         connection.execute("CREATE TABLE tracked (id INTEGER PRIMARY KEY, v NOT NULL); CREATE TABLE other (v)");
         // Prepared and cached before anyone observes the table.
@@ -320,7 +270,7 @@ TEST_F(DatabasePoolTest, ObservationReportsEachCommittedTransactionThatChangedAT
     EXPECT_EQ(failingCalls, 1) << "a failed observation was not ended";
 
     // Commits of another pool on the same file are not this pool's to report.
-    DatabasePool(path, writable()).write([](Connection& connection) {
+    DatabasePool(path, writerConfiguration()).write([](Connection& connection) {
         connection.execute("INSERT INTO tracked (v) VALUES (7)");
     });
     EXPECT_EQ(seenRows.size(), 2U);
@@ -344,60 +294,38 @@ TEST_F(DatabasePoolTest, ObservationReportsEachCommittedTransactionThatChangedAT
     EXPECT_EQ(failingCalls, 1);
 
     // A handle may outlive its pool.
-    auto orphan = std::make_unique<DatabasePool>(directory / "other.sqlite", writable());
+    auto orphan = std::make_unique<DatabasePool>(directory / "other.sqlite", writerConfiguration());
     auto orphanObservation = orphan->observe({"tracked"}, [] {}, {});
     orphan.reset();
     orphanObservation.reset();
 }
 
-TEST_F(DatabasePoolTest, StatementsKeepBoundValuesPrivateAndReadJoinedRowsByScope) {
-    DatabasePool pool(path, writable());
+// A failing statement's error names its SQL but none of its bound values; the same SQL run while
+// its cached statement is in use gets a statement of its own.
+TEST_F(DatabasePoolTest, StatementsKeepBoundValuesPrivateAndCachedOnesRunIndependently) {
+    DatabasePool& pool = makeFileWithTable();
     pool.write([](Connection& connection) {
-        connection.execute(
-            "CREATE TABLE parent (id INTEGER PRIMARY KEY, name TEXT);"
-            "CREATE TABLE child (id INTEGER PRIMARY KEY, parentId INTEGER, name TEXT, data BLOB);"
-            "INSERT INTO parent VALUES (1, 'p1'), (2, 'p2')");
-        auto insert = connection.cachedStatement("INSERT INTO child VALUES (10, 1, ?, ?)");
-        insert->bind(1, std::string_view("c1"));
-        insert->bind(2, std::span<const std::uint8_t>());
-        insert->execute();
-        auto secret = connection.cachedStatement("INSERT INTO parent (id, name) VALUES (?, ?)");
+        connection.execute("INSERT INTO t (v) VALUES ('second')");
+        auto secret = connection.cachedStatement("INSERT INTO t (rowid, v) VALUES (?, ?)");
         secret->bind(1, std::int64_t{1});
         secret->bind(2, std::string_view("secret-value"));
-        auto duplicate = caught<DatabaseError>([&] { secret->execute(); });
-        ASSERT_TRUE(duplicate);
-        EXPECT_EQ(duplicate->extendedResultCode(), SQLITE_CONSTRAINT_PRIMARYKEY);
-        EXPECT_EQ(duplicate->sql(), "INSERT INTO parent (id, name) VALUES (?, ?)");
-        EXPECT_EQ(std::string(duplicate->what()).find("secret-value"), std::string::npos);
+        const auto duplicate = caught<DatabaseError>([&] { secret->execute(); }).value();
+        EXPECT_EQ(duplicate.extendedResultCode(), SQLITE_CONSTRAINT_ROWID);
+        EXPECT_EQ(duplicate.sql(), "INSERT INTO t (rowid, v) VALUES (?, ?)");
+        EXPECT_THAT(duplicate.what(), ::testing::Not(::testing::HasSubstr("secret-value")));
     });
-
     pool.read([](Connection& connection) {
-        const std::string sql =
-            "SELECT parent.*, child.* FROM parent LEFT JOIN child ON child.parentId = parent.id ORDER BY parent.id";
+        const std::string sql = "SELECT v FROM t ORDER BY rowid";
         auto outer = connection.cachedStatement(sql);
         ASSERT_TRUE(outer->step());
-        Row row = outer->row();
-        EXPECT_EQ(row.count(), 2);
-        EXPECT_EQ(row.text(row.index("NAME")), "p1");
-        auto child = row.scope("child");
-        ASSERT_TRUE(child);
-        EXPECT_EQ(child->count(), 4);
-        EXPECT_EQ(child->text(child->index("name")), "c1");
-        const int data = child->index("data");
-        EXPECT_EQ(child->type(data), ColumnType::blob);  // an empty blob is not NULL
-        EXPECT_TRUE(child->blob(data).empty());
-        EXPECT_FALSE(child->allNull());
-        EXPECT_FALSE(row.scope("missing"));
         {
-            // The same SQL while the cached statement is in use runs independently.
             auto inner = connection.cachedStatement(sql);
             ASSERT_TRUE(inner->step());
             ASSERT_TRUE(inner->step());
-            EXPECT_EQ(inner->row().text(1), "p2");
+            EXPECT_EQ(inner->row().text(0), "second");
         }
-        EXPECT_EQ(outer->row().text(1), "p1");
+        EXPECT_EQ(outer->row().text(0), "first");
         ASSERT_TRUE(outer->step());
-        EXPECT_TRUE(outer->row().scope("child")->allNull());
         EXPECT_FALSE(outer->step());
     });
 }

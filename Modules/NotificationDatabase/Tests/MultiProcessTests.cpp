@@ -1,167 +1,94 @@
 // Several processes on one database file, as the processes of one user share it: writer
-// processes save at the same time while a read-only process reads; nothing is lost, nothing is
-// stored twice, no process logs a failure.
-//
-// Save counts scale with NDB_STRESS_SCALE (a positive factor, 1 by default).
-
-#include <NotificationDatabase/NotificationDatabase.hpp>
-#include <NotificationDatabase/NotificationDatabaseConfig.hpp>
-#include <NotificationDatabase/Platform/MainQueue.hpp>
+// processes save at the same time while a read-only store of this process reads, and a writer
+// is killed at random moments; nothing committed is lost, nothing is stored twice, no process
+// logs a failure. Save and kill counts scale with NDB_STRESS_SCALE.
 
 #include "StressSupport.hpp"
-#include "TestSupport.hpp"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstdlib>
-#include <fstream>
-#include <map>
-#include <memory>
-#include <optional>
-#include <string>
-#include <vector>
-
-#include <unistd.h>
+#include <set>
+#include <thread>
 
 namespace notificationdb {
 namespace {
 
-using testing::ChildProcess;
-using testing::childProgram;
-using testing::makeStressDirectory;
-using testing::scaled;
-using testing::RawDatabase;
-using testing::ScopedEnvironment;
-using testing::TemporaryDirectory;
+using namespace testing;
 
-bool startsWith(const std::string& text, const std::string& prefix) {
-    return text.rfind(prefix, 0) == 0;
-}
-
-void touch(const std::filesystem::path& path) {
-    std::ofstream(path) << "go\n";
-}
-
-// What a child printed after its "ready" line, up to the end of its output.
+// What a child printed up to the end of its output, and its exit status.
 struct ChildReport {
     std::vector<std::string> lines;
-    int exitStatus = -1;
+    int exitStatus;
+
+    explicit ChildReport(ChildProcess& child) : lines(child.readAll()), exitStatus(child.wait()) {}
 
     std::vector<std::string> withPrefix(const std::string& prefix) const {
         std::vector<std::string> found;
-        for (const auto& line : lines) {
-            if (startsWith(line, prefix)) found.push_back(line);
-        }
+        std::copy_if(lines.begin(), lines.end(), std::back_inserter(found),
+                     [&](const std::string& line) { return line.starts_with(prefix); });
         return found;
     }
     // The number after `prefix` on the first line that starts with it; -1 without such a line.
     long number(const std::string& prefix) const {
-        for (const auto& line : lines) {
-            if (startsWith(line, prefix)) return std::atol(line.c_str() + prefix.size());
-        }
-        return -1;
+        const auto found = withPrefix(prefix);
+        return found.empty() ? -1 : std::atol(found.front().c_str() + prefix.size());
     }
 };
 
-ChildReport finish(ChildProcess& child) {
-    ChildReport report;
-    while (auto line = child.readLine()) report.lines.push_back(*line);
-    report.exitStatus = child.wait();
-    return report;
-}
-
-std::string joined(const std::vector<std::string>& lines) {
-    std::string text;
-    for (const auto& line : lines) text += "\n  " + line;
-    return text;
-}
-
-void createStore(const std::filesystem::path& path) {
-    Configuration configuration;
-    configuration.busyMode = BusyMode::timeout(2.0);
-    MainQueue::main().setScheduler([](auto, auto) {});
-    (void)NotificationDatabaseImpl::create(NotificationDatabaseConfig(path, configuration));
-    MainQueue::main().setScheduler({});
-}
-
-// Checks the file after writers saved `perWriter` notifications each (see rel_writer): every
-// own-key notification once, one copy per shared content key, each button with its owner.
-void expectAllSavesStoredOnce(const std::filesystem::path& path, int writers, int perWriter) {
-    RawDatabase raw(path);
-    const int sharedKeys = (perWriter + 9) / 10;
-    const int expectedRows = writers * (perWriter - sharedKeys) + sharedKeys;
-    EXPECT_EQ(raw.scalar("SELECT COUNT(*) FROM notification"), std::to_string(expectedRows));
-
-    std::map<std::string, int> titles;
-    for (const auto& row : raw.query("SELECT title FROM notification WHERE customerId != 'shared'")) ++titles[row[0]];
-    int missingOrTwice = 0;
+// Starts `writers` rel_writer processes that save `perWriter` notifications each once the go
+// file appears, and returns them once each has printed "ready".
+std::vector<std::unique_ptr<ChildProcess>> startWriters(const std::filesystem::path& path, int writers, int perWriter,
+                                                        const std::filesystem::path& goFile,
+                                                        std::vector<std::string> extra = {}) {
+    std::vector<std::unique_ptr<ChildProcess>> children;
     for (int w = 0; w < writers; ++w) {
-        for (int j = 0; j < perWriter; ++j) {
-            if (j % 10 != 0 && titles["w" + std::to_string(w) + "-" + std::to_string(j)] != 1) ++missingOrTwice;
-        }
+        std::vector<std::string> arguments{path.string(), std::to_string(w), std::to_string(perWriter),
+                                           goFile.string()};
+        arguments.insert(arguments.end(), extra.begin(), extra.end());
+        children.push_back(std::make_unique<ChildProcess>(childProgram("rel_writer"), arguments));
+        EXPECT_EQ(children.back()->readLine(), "ready") << "writer " << w;
     }
-    EXPECT_EQ(missingOrTwice, 0);
-    EXPECT_EQ(raw.scalar("SELECT COUNT(DISTINCT version) FROM notification WHERE customerId = 'shared'"),
-              std::to_string(sharedKeys));
-    EXPECT_TRUE(raw.query("SELECT customerId, notificationKind, version, appId FROM notification "
-                          "WHERE notificationKind != 0 GROUP BY 1, 2, 3, 4 HAVING COUNT(*) > 1")
-                    .empty());
-    EXPECT_EQ(raw.scalar("SELECT COUNT(*) FROM notificationButton b LEFT JOIN notification n "
-                         "ON n.id = b.notificationId WHERE n.id IS NULL OR n.title IS NOT b.buttonId"),
-              "0");
-    EXPECT_EQ(raw.scalar("SELECT COUNT(*) FROM notificationButton"),
-              raw.scalar("SELECT COUNT(*) FROM notification WHERE CAST(substr(title, instr(title, '-') + 1) AS "
-                         "INTEGER) % 3 != 0"));
-    EXPECT_EQ(raw.scalar("PRAGMA integrity_check"), "ok");
-    EXPECT_TRUE(raw.query("PRAGMA foreign_key_check").empty());
+    return children;
 }
 
 // Four writer processes save 500 notifications each into one file (a tenth of them under content
-// keys that all writers share) while a read-only process reads the list and the count.
+// keys that all writers share) while this process reads the list and the count through a
+// read-only store.
 TEST(MultiProcess, WriterProcessesAndReadOnlyReaderShareOneFile) {
     const auto directory = makeStressDirectory();
     const auto path = *directory / "NotificationDatabase.sqlite";
-    const auto goFile = *directory / "go";
-    const auto stopFile = *directory / "stop";
-    createStore(path);  // the read-only process needs the file and its tables
-
+    LogCapture capture;
+    {
+        // The read-only store needs the file and its tables.
+        CountingNotices notices;
+        (void)NotificationDatabaseImpl::create(NotificationDatabaseConfig(path, writerConfiguration()));
+    }
+    auto reader = NotificationDatabaseImpl::create(NotificationDatabaseConfig(path, readerConfiguration()));
     const int writers = 4;
     const int perWriter = scaled(500, 10);
 
-    ChildProcess reader(childProgram("rel_reader"), {path.string(), stopFile.string()});
-    ASSERT_EQ(reader.readLine(), "ready");
-    std::vector<std::unique_ptr<ChildProcess>> children;
-    for (int w = 0; w < writers; ++w) {
-        children.push_back(std::make_unique<ChildProcess>(
-            childProgram("rel_writer"),
-            std::vector<std::string>{path.string(), std::to_string(w), std::to_string(perWriter), goFile.string()}));
-        ASSERT_EQ(children.back()->readLine(), "ready") << "writer " << w;
-    }
-    touch(goFile);
-
+    auto children = startWriters(path, writers, perWriter, *directory / "go");
+    std::atomic<bool> stop{false};
+    std::vector<std::string> broken;
+    std::thread reading([&] { broken = readUntilStopped(*reader, stop); });
+    writeFile(*directory / "go", "go");
     long notices = 0;
-    for (int w = 0; w < writers; ++w) {
-        const ChildReport report = finish(*children[static_cast<std::size_t>(w)]);
-        EXPECT_EQ(report.exitStatus, 0) << "writer " << w << joined(report.lines);
-        EXPECT_EQ(report.withPrefix("failure "), std::vector<std::string>{}) << "writer " << w;
-        EXPECT_EQ(report.number("done "), perWriter) << "writer " << w << joined(report.lines);
+    for (auto& child : children) {
+        const ChildReport report(*child);
+        EXPECT_EQ(report.exitStatus, 0) << ::testing::PrintToString(report.lines);
+        EXPECT_EQ(report.withPrefix("failure "), std::vector<std::string>{});
+        EXPECT_EQ(report.number("done "), perWriter) << ::testing::PrintToString(report.lines);
         notices += report.number("notices ");
     }
-    touch(stopFile);
-    const ChildReport readerReport = finish(reader);
-    EXPECT_EQ(readerReport.exitStatus, 0) << joined(readerReport.lines);
-    EXPECT_EQ(readerReport.withPrefix("violation "), std::vector<std::string>{});
-    EXPECT_EQ(readerReport.withPrefix("failure "), std::vector<std::string>{});
-    EXPECT_GT(readerReport.number("reads "), 0) << joined(readerReport.lines);
-
-    const int sharedKeys = (perWriter + 9) / 10;
-    const int expectedRows = writers * (perWriter - sharedKeys) + sharedKeys;
-    // The reader's last read came after every writer had finished.
-    EXPECT_EQ(readerReport.number("final "), expectedRows);
+    stop = true;
+    reading.join();
+    EXPECT_EQ(broken, std::vector<std::string>{});
+    EXPECT_EQ(capture.messages(), std::vector<std::string>{});
+    EXPECT_EQ(reader->notificationsCount(), expectedStressRows(writers, perWriter));
     // Each process observes only its own commits: one notice per notification it stored.
-    EXPECT_EQ(notices, expectedRows);
-    expectAllSavesStoredOnce(path, writers, perWriter);
+    EXPECT_EQ(notices, expectedStressRows(writers, perWriter));
+    EXPECT_EQ(storedOnceProblems(RawDatabase(path), "w", writers, perWriter), std::vector<std::string>{});
 }
 
 // Writer processes that open a file nobody has created yet, all at the same moment. Creating a
@@ -171,34 +98,95 @@ TEST(MultiProcess, WriterProcessesAndReadOnlyReaderShareOneFile) {
 TEST(MultiProcess, WriterProcessesSettingUpANewFileTogether) {
     const auto directory = makeStressDirectory();
     const auto path = *directory / "NotificationDatabase.sqlite";
-    const auto goFile = *directory / "go";
     const int writers = 4;
     const int perWriter = scaled(50, 10);
 
-    std::vector<std::unique_ptr<ChildProcess>> children;
-    for (int w = 0; w < writers; ++w) {
-        children.push_back(std::make_unique<ChildProcess>(
-            childProgram("rel_writer"),
-            std::vector<std::string>{path.string(), std::to_string(w), std::to_string(perWriter), goFile.string(),
-                                     "open-after-go"}));
-        ASSERT_EQ(children.back()->readLine(), "ready") << "writer " << w;
-    }
+    auto children = startWriters(path, writers, perWriter, *directory / "go", {"open-after-go"});
     ASSERT_FALSE(std::filesystem::exists(path));
-    touch(goFile);
-    for (int w = 0; w < writers; ++w) {
-        const ChildReport report = finish(*children[static_cast<std::size_t>(w)]);
-        EXPECT_EQ(report.exitStatus, 0) << "writer " << w << joined(report.lines);
-        EXPECT_EQ(report.withPrefix("failure "), std::vector<std::string>{}) << "writer " << w;
-        for (const auto& line : report.withPrefix("open-failed ")) {
-            EXPECT_NE(line.find("(SQLITE_BUSY)"), std::string::npos) << "writer " << w << ": " << line;
-        }
+    writeFile(*directory / "go", "go");
+    for (auto& child : children) {
+        const ChildReport report(*child);
+        EXPECT_EQ(report.exitStatus, 0) << ::testing::PrintToString(report.lines);
+        EXPECT_EQ(report.withPrefix("failure "), std::vector<std::string>{});
+        for (const auto& line : report.withPrefix("open-failed "))
+            EXPECT_THAT(line, ::testing::HasSubstr("(SQLITE_BUSY)"));
     }
     RawDatabase raw(path);
-    EXPECT_EQ(raw.scalar("SELECT COUNT(*) FROM sqlite_master WHERE type = 'table' AND name IN ('notification', "
-                         "'notificationButton')"),
-              "2");
     EXPECT_EQ(raw.scalar("PRAGMA journal_mode"), "wal");
-    expectAllSavesStoredOnce(path, writers, perWriter);
+    EXPECT_EQ(storedOnceProblems(raw, "w", writers, perWriter), std::vector<std::string>{});
+}
+
+// The changes a crash writer reported, by key.
+struct Reported {
+    std::set<std::string> committed;
+    std::set<std::string> pruned;
+    std::vector<std::string> other;  // failures and anything unexpected
+
+    // Takes one line of the writer; returns whether it reported a change.
+    bool take(const std::string& line) {
+        auto& into = line.starts_with("committed ") ? committed : pruned;
+        if (line.starts_with("committed ") || line.starts_with("pruned ")) {
+            into.insert(line.substr(line.find(' ') + 1));
+            return true;
+        }
+        if (line != "ready") other.push_back(line);
+        return false;
+    }
+};
+
+// A writer process killed with SIGKILL at random moments, again and again, on one file: after
+// every kill the file opens, is intact, and holds every change the writer reported committed.
+TEST(Crash, WriterKilledAtRandomMomentsLeavesAnIntactFileWithEveryReportedCommit) {
+    const auto directory = makeStressDirectory();
+    const auto path = *directory / "NotificationDatabase.sqlite";
+    const int kills = scaled(20, 3);
+    std::mt19937 random(std::random_device{}());
+    // At least four changes per run, so that every run also prunes once (its fourth change).
+    std::uniform_int_distribution<int> changesBeforeKill(4, 30);
+    std::uniform_int_distribution<int> delayBeforeKill(0, 3000);
+    CountingNotices notices;
+
+    Reported reported;
+    for (int run = 0; run < kills; ++run) {
+        SCOPED_TRACE("run " + std::to_string(run));
+        {
+            ChildProcess writer(childProgram("rel_crash_writer"), {path.string(), std::to_string(run)});
+            for (int seen = 0, target = changesBeforeKill(random); seen < target;) {
+                auto line = writer.readLine();
+                ASSERT_TRUE(line.has_value()) << "the writer ended on its own after " << seen << " changes";
+                if (reported.take(*line)) ++seen;
+            }
+            // Somewhere inside the next change, or between two of them.
+            std::this_thread::sleep_for(std::chrono::microseconds(delayBeforeKill(random)));
+            writer.kill(SIGKILL);
+            EXPECT_EQ(writer.wait(), 128 + SIGKILL);
+            // Lines the writer wrote before it died name changes that committed too.
+            for (const auto& line : writer.readAll()) reported.take(line);
+        }
+        ASSERT_EQ(reported.other, std::vector<std::string>{});
+
+        LogCapture capture;
+        std::shared_ptr<NotificationDatabaseImpl> store;
+        ASSERT_NO_THROW(store =
+                            NotificationDatabaseImpl::create(NotificationDatabaseConfig(path, writerConfiguration())));
+        RawDatabase raw(path);
+        ASSERT_EQ(tableProblems(raw), std::vector<std::string>{});
+        std::map<std::string, int> titles;
+        for (const auto& row : raw.query("SELECT title FROM notification")) ++titles[row[0]];
+        for (const auto& key : reported.committed) ASSERT_EQ(titles[key], 1) << key << " reported committed";
+        for (const auto& key : reported.pruned) ASSERT_EQ(titles.count(key), 0U) << key << " reported pruned";
+        for (const auto& [title, count] : titles) ASSERT_EQ(count, 1) << title;
+        // A button is written in its notification's transaction or not at all.
+        ASSERT_EQ(raw.scalar("SELECT COUNT(*) FROM notification n WHERE (SELECT COUNT(*) FROM notificationButton b "
+                             "WHERE b.notificationId = n.id AND b.buttonId = n.title) != 1"),
+                  "0");
+        // The store reads everything back as records.
+        ASSERT_EQ(std::to_string(store->fetchNotifications(std::nullopt).size()),
+                  raw.scalar("SELECT COUNT(*) FROM notification"));
+        ASSERT_EQ(capture.messages(), std::vector<std::string>{});
+    }
+    EXPECT_GE(reported.committed.size(), static_cast<std::size_t>(kills));
+    EXPECT_FALSE(reported.pruned.empty());
 }
 
 }  // namespace

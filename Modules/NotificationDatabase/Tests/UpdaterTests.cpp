@@ -1,50 +1,36 @@
-#include <NotificationDatabase/NotificationDatabase.hpp>
-#include <NotificationDatabase/NotificationDatabaseConfig.hpp>
+// The updater: what a received batch hands to the store, and the pruning rules (age limit and
+// per-customer limit), first over a store that only records its calls, then over a real store.
+
 #include <NotificationDatabase/NotificationUpdater/NotificationUpdaterImpl.hpp>
-#include <NotificationDatabase/Platform/MainQueue.hpp>
 
 #include "TestSupport.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <cstdint>
 #include <map>
-#include <memory>
-#include <optional>
 #include <set>
-#include <string>
-#include <vector>
 
 namespace notificationdb {
 namespace {
 
+using namespace testing;
 using namespace std::chrono_literals;
 using ::testing::_;
 using ::testing::Eq;
-using ::testing::Invoke;
-using testing::LogCapture;
-using testing::RawDatabase;
 using ::testing::Return;
-using testing::ScopedEnvironment;
-using ::testing::StrictMock;
-using testing::TemporaryDirectory;
+using ::testing::SaveArg;
 
 // The instant the updater under test takes as "now".
-const Timestamp now = *parseDateText("2025-06-01 12:00:00.000");
+const Timestamp now = at("2025-06-01 12:00:00.000");
 const Timestamp cutOff = now - NotificationUpdaterImpl::ageLimit;
 
-NotificationModelInfo makeInfo(std::optional<std::int64_t> id, std::optional<std::string> customerId, Timestamp created,
+NotificationModelInfo makeInfo(std::optional<std::int64_t> id, std::optional<std::string> customer, Timestamp created,
                                std::string title = "", std::optional<std::int64_t> buttonId = std::nullopt) {
-    NotificationModel notification(id, std::move(customerId), created, "1.0", "tag", std::move(title), std::nullopt,
-                                   std::nullopt, false, std::nullopt, NotificationStatus::new_,
-                                   NotificationKind::default_);
-    std::optional<NotificationButton> button;
-    if (buttonId) button = NotificationButton(buttonId, "button", "Open", true, id, UserActionKind::openApp, Bytes{1});
-    return {std::move(notification), std::move(button)};
+    std::optional<NotificationButton> withButton;
+    if (buttonId) withButton = NotificationButton(buttonId, "b", "Open", true, id, UserActionKind::openLink, Bytes{1});
+    return {note({.id = id, .customer = std::move(customer), .created = created, .title = std::move(title)}),
+            std::move(withButton)};
 }
 
 std::set<std::int64_t> idsOf(const NotificationModelInfoSet& infos) {
@@ -73,7 +59,8 @@ public:
 
 class UpdaterOverRecordingStore : public ::testing::Test {
 protected:
-    std::shared_ptr<StrictMock<RecordingStore>> store = std::make_shared<StrictMock<RecordingStore>>();
+    std::shared_ptr<::testing::StrictMock<RecordingStore>> store =
+        std::make_shared<::testing::StrictMock<RecordingStore>>();
     NotificationUpdaterImpl updater{store, [] { return now; }};
 };
 
@@ -83,13 +70,11 @@ protected:
 TEST_F(UpdaterOverRecordingStore, ReceiveSavesEachDistinctEntryOnceThenPrunes) {
     updater.receive({});
 
-    std::vector<NotificationModelInfo> saved;
-    EXPECT_CALL(*store, save(_)).WillRepeatedly(Invoke([&](const NotificationModelInfo& info) {
-        saved.push_back(info);
-    }));
-    const std::vector<NotificationModelInfo> stored = {makeInfo(1, "alice", now - 1h)};
-    EXPECT_CALL(*store, fetchNotifications(Eq(std::nullopt))).WillOnce(Return(stored));
-
+    std::map<std::optional<std::int64_t>, std::string> saved;
+    EXPECT_CALL(*store, save(_)).Times(3).WillRepeatedly([&](const NotificationModelInfo& info) {
+        saved[info.notification.id()] = *info.notification.title + (info.actionButton ? " with button" : "");
+    });
+    EXPECT_CALL(*store, fetchNotifications(Eq(std::nullopt))).WillOnce(Return(std::vector{makeInfo(1, "a", now - 1h)}));
     updater.receive({
         makeInfo(7, "alice", now - 2h, "first with id 7", 70),
         makeInfo(std::nullopt, "alice", now - 3h, "first without id"),
@@ -97,17 +82,8 @@ TEST_F(UpdaterOverRecordingStore, ReceiveSavesEachDistinctEntryOnceThenPrunes) {
         makeInfo(8, "alice", now - 5h, "id 8"),
         makeInfo(std::nullopt, "carol", now - 6h, "second without id"),
     });
-
-    std::map<std::optional<std::int64_t>, std::string> titles;
-    for (const auto& info : saved) titles[info.notification.id()] = info.notification.title.value_or("");
-    EXPECT_EQ(saved.size(), 3U);
-    EXPECT_EQ(titles, (std::map<std::optional<std::int64_t>, std::string>{
-                          {std::nullopt, "first without id"}, {7, "first with id 7"}, {8, "id 8"}}));
-    const auto withButton =
-        std::find_if(saved.begin(), saved.end(), [](const auto& info) { return info.notification.id() == 7; });
-    ASSERT_NE(withButton, saved.end());
-    ASSERT_TRUE(withButton->actionButton.has_value());
-    EXPECT_EQ(withButton->actionButton->id(), 70);
+    EXPECT_EQ(saved, (std::map<std::optional<std::int64_t>, std::string>{
+                         {std::nullopt, "first without id"}, {7, "first with id 7 with button"}, {8, "id 8"}}));
 }
 
 // One pass collects everything that goes into a single delete call: entries at or before the
@@ -118,8 +94,8 @@ TEST_F(UpdaterOverRecordingStore, CleanUpDeletesOldAndOverflowingEntriesInOneCal
     std::vector<NotificationModelInfo> fetched;
     // "alice": 101 entries, handed over oldest first; the oldest (id 101) carries button 77.
     for (int i = 101; i >= 1; --i) {
-        auto button = i == 101 ? std::optional<std::int64_t>(77) : std::nullopt;
-        fetched.push_back(makeInfo(i, "alice", now - std::chrono::minutes(i), "", button));
+        fetched.push_back(
+            makeInfo(i, "alice", now - std::chrono::minutes(i), "", i == 101 ? 77 : std::optional<std::int64_t>()));
     }
     // "bob": 102 entries with one date; the last two in fetch order are the ones beyond 100.
     for (int i = 201; i <= 302; ++i) fetched.push_back(makeInfo(i, "bob", now - 1h));
@@ -127,9 +103,9 @@ TEST_F(UpdaterOverRecordingStore, CleanUpDeletesOldAndOverflowingEntriesInOneCal
     for (int i = 401; i <= 501; ++i) fetched.push_back(makeInfo(i, std::nullopt, now - std::chrono::minutes(i)));
     for (int i = 601; i <= 700; ++i) fetched.push_back(makeInfo(i, "", now - std::chrono::minutes(i)));
     // "carol": exactly at the cut-off goes; a millisecond younger and the future stay.
-    fetched.push_back(makeInfo(900, "carol", cutOff));
-    fetched.push_back(makeInfo(901, "carol", cutOff + 1ms));
-    fetched.push_back(makeInfo(902, "carol", now + 24h));
+    for (const auto& [id, created] : {std::pair{900, cutOff}, {901, cutOff + 1ms}, {902, now + 24h}}) {
+        fetched.push_back(makeInfo(id, "carol", created));
+    }
     // "dave": 100 notifications, one of them joined with two button rows, so 101 rows.
     for (int i = 1001; i <= 1100; ++i) {
         fetched.push_back(makeInfo(i, "dave", now - std::chrono::minutes(i - 1000), "", i));
@@ -138,31 +114,14 @@ TEST_F(UpdaterOverRecordingStore, CleanUpDeletesOldAndOverflowingEntriesInOneCal
 
     NotificationModelInfoSet deleted;
     EXPECT_CALL(*store, fetchNotifications(Eq(std::nullopt))).WillOnce(Return(fetched));
-    EXPECT_CALL(*store, deleteNotifications(_)).WillOnce(Invoke([&](const NotificationModelInfoSet& infos) {
-        deleted = infos;
-    }));
-
+    EXPECT_CALL(*store, deleteNotifications(_)).WillOnce(SaveArg<0>(&deleted));
     updater.cleanUp();
 
     EXPECT_EQ(idsOf(deleted), (std::set<std::int64_t>{101, 301, 302, 501, 900, 1100}));
     // The store deletes buttons by their own id, so the entry keeps the button it was fetched with.
     const auto oldestOfAlice = deleted.find(makeInfo(101, std::nullopt, now));
     ASSERT_NE(oldestOfAlice, deleted.end());
-    ASSERT_TRUE(oldestOfAlice->actionButton.has_value());
-    EXPECT_EQ(oldestOfAlice->actionButton->id(), 77);
-}
-
-// Two customers at 80 each and nothing old: the limit is per customer, so no delete call at all.
-TEST_F(UpdaterOverRecordingStore, NothingOldAndNoGroupOverTheLimitCallsNoDelete) {
-    std::vector<NotificationModelInfo> fetched;
-    for (int i = 1; i <= 160; ++i) {
-        fetched.push_back(makeInfo(i, i % 2 == 0 ? "erin" : "frank", now - std::chrono::hours(i)));
-    }
-    fetched.push_back(makeInfo(500, "erin", cutOff + 1ms));
-    EXPECT_CALL(*store, fetchNotifications(Eq(std::nullopt))).WillOnce(Return(fetched));
-    EXPECT_CALL(*store, deleteNotifications(_)).Times(0);
-
-    updater.cleanUp();
+    EXPECT_EQ(oldestOfAlice->actionButton.value().id(), 77);
 }
 
 // The two interactor operations hand their arguments to the same-named store operation and do
@@ -173,7 +132,6 @@ TEST_F(UpdaterOverRecordingStore, InteractorOperationsPassThroughUnchanged) {
     EXPECT_CALL(*store, updateStatus(Eq(NotificationIDs{}), NotificationStatus::new_));
     EXPECT_CALL(*store, updateButtonVisibility(Eq(ids), false));
     EXPECT_CALL(*store, updateButtonVisibility(Eq(NotificationIDs{9}), true));
-
     NotificationInteractor& interactor = updater;
     interactor.updateStatus(ids, NotificationStatus::read);
     interactor.updateStatus({}, NotificationStatus::new_);
@@ -181,41 +139,24 @@ TEST_F(UpdaterOverRecordingStore, InteractorOperationsPassThroughUnchanged) {
     interactor.updateButtonVisibility({9}, true);
 }
 
-// --- over a real store on disk -----------------------------------------------------------------
-
-// A store on a file in a fresh directory, with HOME pointing there too. Change notices that the
-// store schedules on the main queue are counted and dropped instead of being posted, so that no
-// other test hears them.
-class UpdaterOverStore : public ::testing::Test {
+// Over a real store on disk, whose failures the tests do not expect.
+class UpdaterOverStore : public ::testing::Test, protected StoreOnDisk {
 protected:
-    void SetUp() override {
-        MainQueue::main().setScheduler([this](MainQueue::Clock::time_point, MainQueue::Job) { ++scheduledNotices; });
-        Configuration configuration;
-        configuration.busyMode = BusyMode::timeout(2.0);
-        store = NotificationDatabaseImpl::create(NotificationDatabaseConfig(databasePath, configuration));
-        scheduledNotices = 0;
-    }
-    void TearDown() override {
-        MainQueue::main().setScheduler({});
-        EXPECT_EQ(log.messages(), std::vector<std::string>{}) << "the store logged failures";
-    }
+    void SetUp() override { notices.reset(); }
+    void TearDown() override { EXPECT_EQ(log.messages(), std::vector<std::string>{}) << "the store logged failures"; }
 
-    // `count` notifications of `customerId` with ids from `firstId` on (entries without id would
-    // all be equal), each with a button, the i-th created `i` minutes before now and titled
-    // "<prefix><i>".
-    static std::vector<NotificationModelInfo> batch(const std::optional<std::string>& customerId, int count,
-                                                    const std::string& prefix, std::int64_t firstId) {
+    // `count` notifications of `customer` with ids from `firstId` on, each with a button, the
+    // i-th created `i` minutes before now and titled "<prefix><i>".
+    static std::vector<NotificationModelInfo> batch(const std::string& customer, int count, const std::string& prefix,
+                                                    std::int64_t firstId) {
         std::vector<NotificationModelInfo> infos;
         for (int i = 0; i < count; ++i) {
-            auto info = makeInfo(firstId + i, customerId, now - std::chrono::minutes(i), prefix + std::to_string(i));
-            info.actionButton = NotificationButton(std::nullopt, "b", "Open", true, std::nullopt,
-                                                   UserActionKind::openLink, Bytes{0, 255});
-            infos.push_back(std::move(info));
+            infos.push_back(makeInfo(firstId + i, customer, now - std::chrono::minutes(i), prefix + std::to_string(i)));
+            infos.back().actionButton = button();
         }
         return infos;
     }
-
-    // Titles of the stored notifications per customer ("-" for none).
+    // Titles of the stored notifications per customer.
     std::map<std::string, std::set<std::string>> storedTitles() const {
         std::map<std::string, std::set<std::string>> titles;
         for (const auto& info : store->fetchNotifications(std::nullopt)) {
@@ -224,99 +165,37 @@ protected:
         return titles;
     }
 
-    static std::set<std::string> titleRange(const std::string& prefix, int from, int to) {
-        std::set<std::string> titles;
-        for (int i = from; i < to; ++i) titles.insert(prefix + std::to_string(i));
-        return titles;
-    }
-
-    TemporaryDirectory directory;
-    ScopedEnvironment home{"HOME", directory.path().string()};
-    ScopedEnvironment dataHome{"XDG_DATA_HOME", (directory.path() / "share").string()};
-    LogCapture log;
-    std::filesystem::path databasePath = directory.path() / "notifications.sqlite";
-    std::atomic<int> scheduledNotices{0};
-    std::shared_ptr<NotificationDatabaseImpl> store;
+    NotificationUpdaterImpl updater{store, [] { return now; }};
 };
 
 // 150 recent notifications of one customer: the 100 newest stay with their buttons, the 50
 // oldest go with theirs; another customer's notifications are untouched. Every stored save and
 // the one pruning delete each lead to their own change notice.
 TEST_F(UpdaterOverStore, KeepsTheHundredNewestOfACustomerWithTheirButtons) {
-    NotificationUpdaterImpl updater(store, [] { return now; });
     auto infos = batch("alice", 150, "a", 1000);
-    auto others = batch("bob", 10, "b", 2000);
-    infos.insert(infos.end(), others.begin(), others.end());
-
+    for (auto& info : batch("bob", 10, "b", 2000)) infos.push_back(std::move(info));
     updater.receive(infos);
 
-    EXPECT_EQ(store->notificationsCount(), 110);
-    const auto titles = storedTitles();
-    EXPECT_EQ(titles.at("alice"), titleRange("a", 0, 100));
-    EXPECT_EQ(titles.at("bob"), titleRange("b", 0, 10));
-    RawDatabase raw(databasePath);
+    std::set<std::string> newest;
+    for (int i = 0; i < 100; ++i) newest.insert("a" + std::to_string(i));
+    EXPECT_EQ(storedTitles(),
+              (std::map<std::string, std::set<std::string>>{
+                  {"alice", newest}, {"bob", {"b0", "b1", "b2", "b3", "b4", "b5", "b6", "b7", "b8", "b9"}}}));
     EXPECT_EQ(raw.scalar("SELECT COUNT(*) FROM notificationButton"), "110");
     EXPECT_EQ(raw.scalar("SELECT COUNT(*) FROM notificationButton WHERE notificationId NOT IN "
                          "(SELECT id FROM notification)"),
               "0");
-    EXPECT_EQ(scheduledNotices.load(), 160 + 1);
+    EXPECT_EQ(notices.count(), 160 + 1);
 }
 
-// Notifications without a customer are limited as one group, apart from every customer and
-// from the empty customer text.
-TEST_F(UpdaterOverStore, NotificationsWithoutCustomerAreLimitedAsTheirOwnGroup) {
-    NotificationUpdaterImpl updater(store, [] { return now; });
-    auto infos = batch(std::nullopt, 105, "n", 1000);
-    for (const auto& group : {batch("carol", 100, "c", 2000), batch("", 3, "e", 3000)}) {
-        infos.insert(infos.end(), group.begin(), group.end());
-    }
-
-    updater.receive(infos);
-
-    const auto titles = storedTitles();
-    EXPECT_EQ(titles.at("-"), titleRange("n", 0, 100));
-    EXPECT_EQ(titles.at("carol"), titleRange("c", 0, 100));
-    EXPECT_EQ(titles.at(""), titleRange("e", 0, 3));
-    EXPECT_EQ(store->notificationsCount(), 203);
-}
-
-// Two customers with 80 each: nothing goes, and a later pruning pass writes nothing at all, so
-// it causes no change notice.
-TEST_F(UpdaterOverStore, LimitIsPerCustomer) {
-    NotificationUpdaterImpl updater(store, [] { return now; });
-    auto infos = batch("dave", 80, "d", 1000);
-    auto others = batch("erin", 80, "e", 2000);
-    infos.insert(infos.end(), others.begin(), others.end());
-    updater.receive(infos);
-    EXPECT_EQ(store->notificationsCount(), 160);
-
-    scheduledNotices = 0;
-    updater.cleanUp();
-    EXPECT_EQ(store->notificationsCount(), 160);
-    EXPECT_EQ(scheduledNotices.load(), 0);
-}
-
-// Exactly 30 days old goes, a millisecond younger stays, and a date in the future is never old.
 // A notification received already older than 30 days is stored and pruned by the same call,
-// each transaction with its notice; a duplicate id in the batch keeps the first entry.
-TEST_F(UpdaterOverStore, AgeLimitAppliesAtTheCutOffAndToTheReceivedBatchItself) {
-    NotificationUpdaterImpl updater(store, [] { return now; });
-    updater.receive({
-        makeInfo(1, "frank", cutOff, "exactly 30 days"),
-        makeInfo(2, "frank", cutOff + 1ms, "a millisecond younger"),
-        makeInfo(3, "grace", now + 24h * 365, "next year"),
-        makeInfo(40, "grace", now - 1h, "first with id 40"),
-        makeInfo(40, "grace", now - 2h, "second with id 40"),
-    });
-    const auto titles = storedTitles();
-    EXPECT_EQ(titles.at("frank"), std::set<std::string>{"a millisecond younger"});
-    EXPECT_EQ(titles.at("grace"), (std::set<std::string>{"next year", "first with id 40"}));
-
-    scheduledNotices = 0;
+// each transaction with its notice.
+TEST_F(UpdaterOverStore, AgeLimitAppliesToTheReceivedBatchItself) {
+    updater.receive({makeInfo(3, "grace", now + 24h * 365, "next year")});
+    notices.reset();
     updater.receive({makeInfo(std::nullopt, "heidi", now - 24h * 40, "forty days old")});
-    EXPECT_EQ(storedTitles().count("heidi"), 0U);
-    EXPECT_EQ(store->notificationsCount(), 3);
-    EXPECT_EQ(scheduledNotices.load(), 2);
+    EXPECT_EQ(storedTitles(), (std::map<std::string, std::set<std::string>>{{"grace", {"next year"}}}));
+    EXPECT_EQ(notices.count(), 2);
 }
 
 }  // namespace

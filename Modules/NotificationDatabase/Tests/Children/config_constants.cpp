@@ -3,56 +3,50 @@
 //
 //   ndb_child_config_constants
 //
-// Prints "key value" lines; library log messages are counted, not shown.
+// Prints one line per step (see below); library log messages are counted, not shown.
 
 #include <NotificationDatabase/Database/DatabaseError.hpp>
-#include <NotificationDatabase/NotificationDatabase.hpp>
-#include <NotificationDatabase/Platform/Logger.hpp>
 
-#include <filesystem>
+#include "TestSupport.hpp"
+
 #include <iostream>
-#include <memory>
 
 namespace {
 
-void describe(const char* name, const notificationdb::NotificationDatabaseConfig& config) {
+using namespace notificationdb;
+
+// "<name> <path> readOnly <0|1> busy <kind> <seconds> persistentReaders <0|1>"
+void describe(const char* name, const NotificationDatabaseConfig& config) {
     const auto& configuration = config.configuration();
-    std::cout << name << ".path " << config.storageURL().string() << '\n'
-              << name << ".readOnly " << configuration.readOnly << '\n'
-              << name << ".busyKind " << static_cast<int>(configuration.busyMode.kind()) << '\n'
-              << name << ".busySeconds " << configuration.busyMode.seconds() << '\n'
-              << name << ".persistentReaders " << configuration.persistentReadOnlyConnections << '\n';
+    std::cout << name << ' ' << config.storageURL().string() << " readOnly " << configuration.readOnly << " busy "
+              << static_cast<int>(configuration.busyMode.kind()) << ' ' << configuration.busyMode.seconds()
+              << " persistentReaders " << configuration.persistentReadOnlyConnections << '\n';
 }
 
 }  // namespace
 
 int main() {
-    using namespace notificationdb;
-    auto capture = std::make_shared<CapturingLogDestination>();
-    Logger::module()->setDestinations({capture});
-
+    testing::LogCapture capture;
     const auto& writable = NotificationDatabaseConfig::default_();
     const auto file = writable.storageURL();
-    std::cout << "afterDefault.directory " << std::filesystem::is_directory(file.parent_path()) << '\n'
-              << "afterDefault.file " << std::filesystem::exists(file) << '\n';
+    std::cout << "after first use: directory " << std::filesystem::is_directory(file.parent_path()) << " file "
+              << std::filesystem::exists(file) << '\n';
     describe("default", writable);
     describe("readOnly", NotificationDatabaseConfig::readOnly());
-
     try {
         NotificationDatabaseImpl::create(NotificationDatabaseConfig::readOnly());
-        std::cout << "readOnlyStoreOnMissingFile opened\n";
+        std::cout << "read-only store on the missing file: opened\n";
     } catch (const DatabaseError& error) {
-        std::cout << "readOnlyStoreOnMissingFile " << error.resultCode() << '\n';
+        std::cout << "read-only store on the missing file: error " << error.resultCode() << '\n';
     }
     try {
         auto store = NotificationDatabaseImpl::create(writable);
-        std::cout << "defaultStore.file " << std::filesystem::exists(file) << '\n'
-                  << "defaultStore.count " << store->notificationsCount() << '\n';
         auto reader = NotificationDatabaseImpl::create(NotificationDatabaseConfig::readOnly());
-        std::cout << "readOnlyStore.count " << reader->notificationsCount() << '\n';
+        std::cout << "stores: file " << std::filesystem::exists(file) << " counts " << store->notificationsCount()
+                  << ' ' << reader->notificationsCount() << '\n';
     } catch (const DatabaseError& error) {
-        std::cout << "storeError " << error.what() << '\n';
+        std::cout << "store error " << error.what() << '\n';
     }
-    std::cout << "logs " << capture->entries().size() << std::endl;
+    std::cout << "logs " << capture.entries().size() << std::endl;
     return 0;
 }

@@ -15,19 +15,11 @@
 // so that the per-customer limit never prunes them); its button's buttonId repeats the key.
 // A message logged at error level prints "failure <logger>: <message>" at once.
 
-#include <NotificationDatabase/NotificationDatabase.hpp>
-#include <NotificationDatabase/NotificationDatabaseConfig.hpp>
 #include <NotificationDatabase/NotificationUpdater/NotificationUpdaterImpl.hpp>
-#include <NotificationDatabase/Platform/Logger.hpp>
-#include <NotificationDatabase/Platform/MainQueue.hpp>
 
-#include <chrono>
-#include <filesystem>
+#include "TestSupport.hpp"
+
 #include <iostream>
-#include <memory>
-#include <mutex>
-#include <string>
-#include <string_view>
 
 namespace {
 
@@ -46,14 +38,16 @@ private:
     std::mutex mutex_;
 };
 
-NotificationModelInfo makeNotification(const std::string& key, long n, std::chrono::system_clock::time_point created) {
+NotificationModelInfo makeNotification(const std::string& key, long n, Timestamp created) {
     constexpr NotificationKind kinds[] = {NotificationKind::newApp, NotificationKind::appUpdate,
                                           NotificationKind::vantroUpdate, NotificationKind::ai};
-    NotificationModel notification(std::nullopt, "customer-" + key, created, key, "tag", key, "body " + key,
-                                   "https://example.com/" + key, n % 2 == 0, n, NotificationStatus::new_, kinds[n % 4]);
-    NotificationButton button(std::nullopt, key, "Open", true, std::nullopt, UserActionKind::openApp,
-                              Bytes(static_cast<std::size_t>(n % 64), 0x5a));
-    return {std::move(notification), std::move(button)};
+    return {testing::note({.customer = "customer-" + key,
+                           .version = key,
+                           .kind = kinds[n % 4],
+                           .appId = n,
+                           .created = created,
+                           .title = key}),
+            testing::button(std::nullopt, key)};
 }
 
 }  // namespace
@@ -63,17 +57,12 @@ int main(int argc, char** argv) {
         std::cerr << "usage: ndb_child_rel_crash_writer <database> <run>\n";
         return 2;
     }
-    const std::filesystem::path database = argv[1];
     const std::string run = argv[2];
-
     Logger::module()->setDestinations({std::make_shared<PrintingLogDestination>()});
-    MainQueue::main().setScheduler([](auto, auto) {});
-
-    Configuration configuration;
-    configuration.busyMode = BusyMode::timeout(2.0);
+    testing::CountingNotices notices;
     std::shared_ptr<NotificationDatabaseImpl> store;
     try {
-        store = NotificationDatabaseImpl::create(NotificationDatabaseConfig(database, configuration));
+        store = NotificationDatabaseImpl::create(NotificationDatabaseConfig(argv[1], testing::writerConfiguration()));
     } catch (const std::exception& error) {
         std::cout << "open-failed " << error.what() << std::endl;
         return 3;

@@ -4,9 +4,8 @@
 //
 // With a uid and when started as root, first drops to that user (and its group of the same
 // number), so that file permissions apply as they do to an ordinary user ("cannot drop
-// privileges" and exit status 4 when that is refused). Then creates a store
-// with the writer configuration (read-write, waiting up to 2.0 s) or the reader configuration
-// (read-only, waiting up to 2.0 s, reader connections kept open).
+// privileges" and exit status 4 when that is refused). Then creates a store with the writer or
+// the reader configuration of TestSupport.hpp.
 //
 // Output: "unreachable" (exit status 5) when the file cannot be read at all, else
 // "open-failed <result code> <code name>" when creation throws a database error
@@ -15,21 +14,14 @@
 // "count <n>" again. Last, one "log <message>" per message logged at error level, and "done".
 
 #include <NotificationDatabase/Database/DatabaseError.hpp>
-#include <NotificationDatabase/NotificationDatabase.hpp>
-#include <NotificationDatabase/NotificationDatabaseConfig.hpp>
-#include <NotificationDatabase/Platform/Logger.hpp>
-#include <NotificationDatabase/Platform/MainQueue.hpp>
 
-#include <chrono>
-#include <cstdlib>
+#include "TestSupport.hpp"
+
 #include <iostream>
-#include <memory>
-#include <string>
-
-#include <unistd.h>
 
 int main(int argc, char** argv) {
     using namespace notificationdb;
+    using namespace notificationdb::testing;
     if (argc < 3) {
         std::cerr << "usage: ndb_child_rel_open <database> <writer|reader> [uid]\n";
         return 2;
@@ -48,39 +40,27 @@ int main(int argc, char** argv) {
         return 5;
     }
 
-    auto capture = std::make_shared<CapturingLogDestination>();
-    Logger::module()->setDestinations({capture});
-    MainQueue::main().setScheduler([](auto, auto) {});
-
-    Configuration configuration;
-    configuration.busyMode = BusyMode::timeout(2.0);
-    configuration.readOnly = !writer;
-    configuration.persistentReadOnlyConnections = !writer;
-    std::shared_ptr<NotificationDatabaseImpl> store;
+    LogCapture capture;
+    CountingNotices notices;
     try {
-        store = NotificationDatabaseImpl::create(NotificationDatabaseConfig(database, configuration));
-        std::cout << "opened\n";
+        auto store = NotificationDatabaseImpl::create(
+            NotificationDatabaseConfig(database, writer ? writerConfiguration() : readerConfiguration()));
+        std::cout << "opened\n"
+                  << "count " << store->notificationsCount() << '\n'
+                  << "listed " << store->fetchNotifications(std::nullopt).size() << '\n';
+        if (writer) {
+            store->save(note({.version = "9.9", .title = "written by rel_open"}));
+            std::cout << "count " << store->notificationsCount() << '\n';
+        }
     } catch (const DatabaseError& error) {
         std::cout << "open-failed " << error.resultCode() << ' ' << DatabaseError::codeName(error.extendedResultCode())
                   << '\n';
     } catch (const std::exception& error) {
         std::cout << "open-failed other " << error.what() << '\n';
     }
-    if (store) {
-        std::cout << "count " << store->notificationsCount() << '\n';
-        std::cout << "listed " << store->fetchNotifications(std::nullopt).size() << '\n';
-        if (writer) {
-            store->save({NotificationModel(std::nullopt, "customer", std::chrono::system_clock::now(), "9.9", "tag",
-                                           "written by rel_open", std::nullopt, std::nullopt, false, std::nullopt,
-                                           NotificationStatus::new_, NotificationKind::default_)});
-            std::cout << "count " << store->notificationsCount() << '\n';
-        }
-        store.reset();
-    }
-    for (const auto& entry : capture->entries()) {
+    for (const auto& entry : capture.entries()) {
         if (entry.level >= LogLevel::error) std::cout << "log " << entry.message << '\n';
     }
     std::cout << "done" << std::endl;
-    MainQueue::main().setScheduler({});
     return 0;
 }

@@ -5,14 +5,9 @@
 //
 // Prints "saved <count>" once the notices are posted; library log messages go to stderr.
 
-#include <NotificationDatabase/NotificationDatabase.hpp>
-#include <NotificationDatabase/Platform/MainQueue.hpp>
+#include "TestSupport.hpp"
 
-#include <chrono>
-#include <cstdlib>
-#include <exception>
 #include <iostream>
-#include <string>
 
 int main(int argc, char** argv) {
     using namespace notificationdb;
@@ -22,14 +17,13 @@ int main(int argc, char** argv) {
     }
     const int count = std::atoi(argv[2]);
     try {
-        Configuration configuration;
-        configuration.busyMode = BusyMode::timeout(2.0);
-        auto store = NotificationDatabaseImpl::create(NotificationDatabaseConfig(argv[1], configuration));
+        auto store =
+            NotificationDatabaseImpl::create(NotificationDatabaseConfig(argv[1], testing::writerConfiguration()));
         for (int i = 0; i < count; ++i) {
-            NotificationModel notification(std::nullopt, "child-customer", std::chrono::system_clock::now(),
-                                           "child-" + std::to_string(i), "tag", "title", std::nullopt, std::nullopt,
-                                           false, i, NotificationStatus::new_, NotificationKind::appUpdate);
-            store->save(NotificationModelInfo(notification));
+            store->save(testing::note({.customer = "child-customer",
+                                       .version = "child-" + std::to_string(i),
+                                       .kind = NotificationKind::appUpdate,
+                                       .appId = i}));
         }
         MainQueue::main().runUntilIdle();
     } catch (const std::exception& error) {
