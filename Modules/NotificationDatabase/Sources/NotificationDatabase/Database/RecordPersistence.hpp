@@ -68,7 +68,7 @@ std::array<std::string_view, RecordCoding<Record>::fields.size()> fieldNames() {
 // `indexes[i]` (-1 when the row has no such column, which reads as absent).
 class RowFields {
 public:
-    RowFields(const Row& row, const std::vector<int>& indexes, std::string_view table,
+    RowFields(const Row& row, std::span<const int> indexes, std::string_view table,
               std::span<const FieldDescriptor> fields) noexcept
         : row_(row), indexes_(indexes), table_(table), fields_(fields) {}
 
@@ -92,7 +92,7 @@ public:
 
 private:
     const Row& row_;
-    const std::vector<int>& indexes_;
+    std::span<const int> indexes_;
     std::string_view table_;
     std::span<const FieldDescriptor> fields_;
 };

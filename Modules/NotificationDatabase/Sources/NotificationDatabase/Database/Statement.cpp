@@ -227,7 +227,7 @@ std::span<const std::uint8_t> Row::blob(int index) const noexcept {
                             : std::span<const std::uint8_t>();
 }
 
-const std::vector<int>& Row::resolve(const void* key, std::span<const std::string_view> names) const {
+std::span<const int> Row::resolve(const void* key, std::span<const std::string_view> names) const {
     auto& layout = const_cast<Statement::Layout&>(statement_->layout());
     for (const auto& resolution : layout.resolutions) {
         if (resolution.key == key && resolution.begin == begin_) return resolution.indexes;

@@ -57,7 +57,8 @@ public:
 
     // Statement column indexes of `names` in this view (-1 for a missing one), computed once
     // per statement and view and then reused for every row; `key` identifies the name list.
-    const std::vector<int>& resolve(const void* key, std::span<const std::string_view> names) const;
+    // Valid until the statement is prepared again (other lookups do not move it).
+    std::span<const int> resolve(const void* key, std::span<const std::string_view> names) const;
 
     Statement& statement() const noexcept { return *statement_; }
 
