@@ -501,6 +501,33 @@ void checkRowRoundTrip(Connection& connection, const Record& record, std::string
                std::string(context) + ": the record changed on its way through a row");
 }
 
+// The value of column `index` converted for `field` through the library's conversions; absent
+// for NULL or a missing column (index -1).
+FieldValue readColumn(const Row& row, int index, const FieldDescriptor& field, std::string_view table) {
+    using namespace detail;
+    const ColumnType type = index < 0 ? ColumnType::null : row.type(index);
+    if (type == ColumnType::null) {
+        if (!field.optional) {
+            throw RecordDecodingError(table, field.name, index < 0 ? "column is missing" : "required value is NULL");
+        }
+        return std::monostate{};
+    }
+    switch (field.type) {
+        case FieldType::integer:
+        case FieldType::enumeration:
+            return integerColumn(row, index, type, table, field.name);
+        case FieldType::boolean:
+            return booleanColumn(row, index, type, table, field.name);
+        case FieldType::text:
+            return textColumn(row, index, type, table, field.name);
+        case FieldType::bytes:
+            return bytesColumn(row, index, type, table, field.name);
+        case FieldType::date:
+            return dateColumn(row, index, type, table, field.name);
+    }
+    throw RecordDecodingError(table, field.name, "unknown field type");
+}
+
 // The record read the keyed way: one value per column, then the keyed decoding; nullopt when
 // that refuses the row.
 template <class Record>
@@ -509,8 +536,7 @@ std::optional<Record> readKeyed(const Row& row) {
     RecordValues<Record> values;
     try {
         for (std::size_t i = 0; i < values.size(); ++i) {
-            values[i] =
-                detail::readColumn(row, row.index(Coding::fields[i].name), Coding::fields[i], Coding::tableName);
+            values[i] = readColumn(row, row.index(Coding::fields[i].name), Coding::fields[i], Coding::tableName);
         }
         return Coding::decode(values);
     } catch (const RecordDecodingError&) {

@@ -75,30 +75,6 @@ Timestamp dateColumn(const Row& row, int index, ColumnType type, std::string_vie
     throw RecordDecodingError(table, field, "value is not a date");
 }
 
-FieldValue readColumn(const Row& row, int index, const FieldDescriptor& field, std::string_view table) {
-    const ColumnType type = index < 0 ? ColumnType::null : row.type(index);
-    if (type == ColumnType::null) {
-        if (!field.optional) {
-            throw RecordDecodingError(table, field.name, index < 0 ? "column is missing" : "required value is NULL");
-        }
-        return std::monostate{};
-    }
-    switch (field.type) {
-        case FieldType::integer:
-        case FieldType::enumeration:
-            return integerColumn(row, index, type, table, field.name);
-        case FieldType::boolean:
-            return booleanColumn(row, index, type, table, field.name);
-        case FieldType::text:
-            return textColumn(row, index, type, table, field.name);
-        case FieldType::bytes:
-            return bytesColumn(row, index, type, table, field.name);
-        case FieldType::date:
-            return dateColumn(row, index, type, table, field.name);
-    }
-    throw RecordDecodingError(table, field.name, "unknown field type");
-}
-
 void bindFieldValue(Statement& statement, int index, const FieldValue& value, const FieldDescriptor& field,
                     std::string_view table) {
     if (std::holds_alternative<std::monostate>(value)) {

@@ -43,9 +43,6 @@ Value columnValue(const Row& row, int index, ColumnType type, std::string_view t
     }
 }
 
-// The value of column `index` of `row` converted for `field`; absent for NULL or a missing
-// column (index -1). Throws `RecordDecodingError` when the value cannot take the field's kind.
-FieldValue readColumn(const Row& row, int index, const FieldDescriptor& field, std::string_view table);
 // Binds `value` in its storage form. Throws `DatabaseError`, or `RecordDecodingError` for a date
 // that has no stored form.
 void bindFieldValue(Statement& statement, int index, const FieldValue& value, const FieldDescriptor& field,
