@@ -8,7 +8,7 @@
 
 #include "FuzzCheck.hpp"
 
-#include <NotificationDatabase/Database/DateText.hpp>
+#include <NotificationDatabase/NotificationModel/DateText.hpp>
 
 #include <algorithm>
 #include <chrono>

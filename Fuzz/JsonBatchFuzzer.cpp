@@ -6,8 +6,8 @@
 #include "FuzzCheck.hpp"
 #include "JsonCoding.hpp"
 
-#include <NotificationDatabase/Database/DatabaseError.hpp>
-#include <NotificationDatabase/Database/DateText.hpp>
+#include <NotificationDatabase/DatabaseError.hpp>
+#include <NotificationDatabase/NotificationModel/DateText.hpp>
 
 #include <nlohmann/json.hpp>
 

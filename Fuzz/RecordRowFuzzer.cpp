@@ -20,8 +20,8 @@
 
 #include "FuzzCheck.hpp"
 
-#include <NotificationDatabase/Database/Configuration.hpp>
-#include <NotificationDatabase/Database/DatabaseError.hpp>
+#include <NotificationDatabase/Configuration.hpp>
+#include <NotificationDatabase/DatabaseError.hpp>
 #include <NotificationDatabase/Database/DatabasePool.hpp>
 #include <NotificationDatabase/Database/RecordPersistence.hpp>
 #include <NotificationDatabase/NotificationModel/NotificationModelInfo.hpp>

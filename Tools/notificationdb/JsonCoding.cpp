@@ -1,6 +1,6 @@
 #include "JsonCoding.hpp"
 
-#include <NotificationDatabase/Database/DatabaseError.hpp>
+#include <NotificationDatabase/DatabaseError.hpp>
 
 #include <array>
 #include <cstdint>

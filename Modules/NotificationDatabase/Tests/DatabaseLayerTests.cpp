@@ -1,7 +1,7 @@
 // The SQLite access layer: connections and statements, the pool's transactions, locking between
 // processes, reader connections and region observation.
 
-#include <NotificationDatabase/Database/DatabaseError.hpp>
+#include <NotificationDatabase/DatabaseError.hpp>
 #include <NotificationDatabase/Database/DatabasePool.hpp>
 
 #include "TestSupport.hpp"

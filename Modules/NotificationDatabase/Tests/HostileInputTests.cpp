@@ -4,7 +4,7 @@
 // comes back byte for byte; every failure gives the operation's neutral result and its message,
 // leaves the stored data as it was, and the store works again once the file is repaired.
 
-#include <NotificationDatabase/Database/DatabaseError.hpp>
+#include <NotificationDatabase/DatabaseError.hpp>
 
 #include "TestSupport.hpp"
 
@@ -185,7 +185,7 @@ TEST_F(HostileInput, RowsWithValuesOutOfRange) {
          Unreadable::notification},
         {"UPDATE notification SET createdDate = 'yesterday'", "UPDATE notification SET createdDate = '2025-01-01'",
          notADate, Unreadable::notification},
-        {"UPDATE notification SET createdDate = '1600-01-01 00:00:00.000'",
+        {"UPDATE notification SET createdDate = '2025-01-01 00:00:00.25'",
          "UPDATE notification SET createdDate = 1741194249.25", notADate, Unreadable::notification},
         {"UPDATE notification SET notificationKind = 5", "UPDATE notification SET notificationKind = 1",
          "could not read column \"notificationKind\" of \"notification\": integer is no NotificationKind",

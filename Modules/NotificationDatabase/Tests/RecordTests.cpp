@@ -26,7 +26,7 @@ const std::string kInsertNotification =
 // and reads back through the store unchanged: empty texts and blobs stay apart from NULL, dates
 // are UTC text cut to the millisecond, also before 1970.
 TEST_F(RecordStore, EveryFieldIsStoredInItsStorageFormAndReadsBack) {
-    const NotificationModel full(std::nullopt, "customer-1", at("2024-03-05 17:04:09.250") + 400us, "1.2.3",
+    const NotificationModel full(std::nullopt, "customer-1", Timestamp(at("2024-03-05 17:04:09.250").sysTime() + 400us), "1.2.3",
                                  "unusedApps", "", "Body", "https://example.com/banner.png?a=1&b=é", true, -7,
                                  NotificationStatus::read, NotificationKind::vantroUpdate);
     const NotificationButton fullButton(std::nullopt, "button-1", "Open", true, std::nullopt,

@@ -1,7 +1,7 @@
 // Where the database file lives (and the file system calls that find and make its folder), the
 // ready-made configurations, and the schema as any other SQLite client sees it.
 
-#include <NotificationDatabase/Database/DatabaseError.hpp>
+#include <NotificationDatabase/DatabaseError.hpp>
 #include <NotificationDatabase/Database/DatabasePool.hpp>
 #include <NotificationDatabase/NotificationDatabaseConfigurator.hpp>
 #include <NotificationDatabase/Platform/FileManager.hpp>

@@ -198,8 +198,8 @@ TEST_F(Tool, MalformedBatchWritesNothingAndNamesEntryAndField) {
     const std::vector<std::pair<std::string, std::string>> cases = {
         {R"({"notification": {)" + base + R"(, "status": 7, "notificationKind": 0}})",
          R"(entry 2: field "notification.status": 7 is not a NotificationStatus)"},
-        {R"({"notification": {)" + base + R"(, "status": 0, "notificationKind": "newapp"}})",
-         R"(entry 2: field "notification.notificationKind": "newapp" is not a NotificationKind)"},
+        {R"({"notification": {)" + base + R"(, "status": 0, "notificationKind": "newApps"}})",
+         R"(entry 2: field "notification.notificationKind": "newApps" is not a NotificationKind)"},
         {R"({"notification": {"createdDate": "2030-01-01", "analyticsTag": "t", "isMarketing": false,
              "status": 0, "notificationKind": 0}})",
          R"(entry 2: field "notification.version": is required)"},

@@ -1,12 +1,16 @@
 #include "NotificationDatabase/NotificationDatabase.hpp"
 
-#include "NotificationDatabase/Database/DatabaseError.hpp"
+#include "NotificationDatabase/Database/DatabasePool.hpp"
 #include "NotificationDatabase/Database/RecordPersistence.hpp"
+#include "NotificationDatabase/DatabaseError.hpp"
+#include "NotificationDatabase/NotificationDatabaseConfigurator.hpp"
 #include "NotificationDatabase/Platform/DistributedNotificationCenter.hpp"
 #include "NotificationDatabase/Platform/LogSanitizer.hpp"
 #include "NotificationDatabase/Platform/MainQueue.hpp"
 
+#include <array>
 #include <chrono>
+#include <initializer_list>
 #include <string>
 #include <utility>
 
@@ -30,16 +34,6 @@ const std::string kFetchByIDs = std::string(kJoinedSelect) +
                                 " ORDER BY \"notification\".\"createdDate\" DESC";
 const std::string kFetchByKind = std::string(kJoinedSelect) + " WHERE \"notification\".\"notificationKind\" = ?";
 
-std::string jsonArray(const NotificationIDs& ids) {
-    std::string text = "[";
-    for (const std::int64_t id : ids) {
-        if (text.size() > 1) text += ',';
-        text += std::to_string(id);
-    }
-    text += ']';
-    return text;
-}
-
 // Runs one statement whose failure the operation drops without a message. A failure that
 // ended the whole transaction (SQLite rolls back on some I/O and memory errors) cannot be
 // dropped: the statements after it would run outside any transaction.
@@ -57,8 +51,8 @@ bool runDroppingFailure(Connection& connection, Statement&& statement) {
 void deleteByIDs(Connection& connection, std::string_view sql, const NotificationIDs& ids) {
     if (ids.empty()) return;
     auto statement = connection.cachedStatement(sql);
-    const std::string list = jsonArray(ids);
-    statement->bind(1, std::string_view(list), false);
+    // The ids' description, "[1, 2]", is a JSON array.
+    statement->bind(1, describe(ids));
     statement->execute();
 }
 
@@ -87,6 +81,26 @@ std::vector<NotificationModelInfo> readJoined(Statement& statement) {
     return result;
 }
 
+// SELECT * FROM "notification" WHERE <the non-empty terms, joined with AND> LIMIT 1
+std::string findOneSQL(std::initializer_list<std::string_view> terms) {
+    std::string sql = R"(SELECT * FROM "notification" WHERE )";
+    bool first = true;
+    for (const std::string_view term : terms) {
+        if (term.empty()) continue;
+        if (!first) sql += " AND ";
+        sql += term;
+        first = false;
+    }
+    sql += " LIMIT 1";
+    return sql;
+}
+
+// The four forms of a query with two optional parts, built once: `forms[first][second]`.
+template <class Build>
+std::array<std::array<std::string, 2>, 2> fourForms(Build build) {
+    return {{{build(false, false), build(false, true)}, {build(true, false), build(true, true)}}};
+}
+
 // Whether the query finds a row, which must also read as a notification.
 bool findsNotification(Statement& statement) {
     if (!statement.step()) return false;
@@ -97,16 +111,16 @@ bool findsNotification(Statement& statement) {
 }  // namespace
 
 std::shared_ptr<NotificationDatabaseImpl> NotificationDatabaseImpl::create(const NotificationDatabaseConfig& config) {
-    auto store = std::make_shared<NotificationDatabaseImpl>(PrivateTag{}, config);
+    std::shared_ptr<NotificationDatabaseImpl> store(new NotificationDatabaseImpl(config));
     store->setupDatabaseObserver();
     return store;
 }
 
-NotificationDatabaseImpl::NotificationDatabaseImpl(PrivateTag /*unused*/, const NotificationDatabaseConfig& config)
+NotificationDatabaseImpl::NotificationDatabaseImpl(const NotificationDatabaseConfig& config)
     : logger_(Logger::module()->subLogger("notifications-database", {}, true)),
-      configurator_(config),
+      configurator_(std::make_unique<NotificationDatabaseConfigurator>(config)),
       database_(std::make_unique<DatabasePool>(config.storageURL(), config.configuration())) {
-    configurator_.configure(*database_);
+    configurator_->configure(*database_);
 }
 
 NotificationDatabaseImpl::~NotificationDatabaseImpl() {
@@ -153,17 +167,14 @@ bool NotificationDatabaseImpl::contentDuplicate(const NotificationModel& notific
     if (notification.notificationKind == NotificationKind::default_) return false;
     const bool hasCustomer = notification.customerId().has_value();
     const bool hasApp = notification.appId.has_value();
-    static const std::string base = "SELECT * FROM \"notification\" WHERE ";
-    static const std::string queries[2][2] = {
-        {base + "\"customerId\" IS NULL AND \"notificationKind\" = ?2 AND \"version\" = ?3 LIMIT 1",
-         base + "\"customerId\" IS NULL AND \"notificationKind\" = ?2 AND \"version\" = ?3 AND \"appId\" = ?4 LIMIT 1"},
-        {base + "\"customerId\" = ?1 AND \"notificationKind\" = ?2 AND \"version\" = ?3 LIMIT 1",
-         base + "\"customerId\" = ?1 AND \"notificationKind\" = ?2 AND \"version\" = ?3 AND \"appId\" = ?4 LIMIT 1"},
-    };
-    auto statement = database.cachedStatement(queries[hasCustomer ? 1 : 0][hasApp ? 1 : 0]);
-    if (hasCustomer) statement->bind(1, std::string_view(*notification.customerId()), false);
+    static const auto queries = fourForms([](bool customer, bool app) {
+        return findOneSQL({customer ? R"("customerId" = ?1)" : R"("customerId" IS NULL)", R"("notificationKind" = ?2)",
+                           R"("version" = ?3)", app ? R"("appId" = ?4)" : ""});
+    });
+    auto statement = database.cachedStatement(queries[hasCustomer][hasApp]);
+    if (hasCustomer) statement->bind(1, *notification.customerId());
     statement->bind(2, rawValue(notification.notificationKind));
-    statement->bind(3, std::string_view(notification.version), false);
+    statement->bind(3, notification.version);
     if (hasApp) statement->bind(4, *notification.appId);
     return findsNotification(*statement);
 }
@@ -199,8 +210,7 @@ std::vector<NotificationModelInfo> NotificationDatabaseImpl::fetchNotifications(
                 return readJoined(*statement);
             }
             auto statement = connection.cachedStatement(kFetchByIDs);
-            const std::string list = jsonArray(*ids);
-            statement->bind(1, std::string_view(list), false);
+            statement->bind(1, describe(*ids));
             return readJoined(*statement);
         });
     } catch (const std::exception& error) {
@@ -212,8 +222,9 @@ std::vector<NotificationModelInfo> NotificationDatabaseImpl::fetchNotifications(
 bool NotificationDatabaseImpl::containsVantro(const std::string& version) {
     try {
         return database_->read([&version](Connection& connection) {
-            auto statement = connection.cachedStatement("SELECT * FROM \"notification\" WHERE \"version\" = ? LIMIT 1");
-            statement->bind(1, std::string_view(version), false);
+            static const std::string query = findOneSQL({R"("version" = ?)"});
+            auto statement = connection.cachedStatement(query);
+            statement->bind(1, version);
             return findsNotification(*statement);
         });
     } catch (const std::exception&) {
@@ -227,17 +238,15 @@ bool NotificationDatabaseImpl::containsNotification(NotificationKind type, const
                                                     const std::optional<std::string>& version) {
     try {
         return database_->read([&](Connection& connection) {
-            static const std::string base =
-                "SELECT * FROM \"notification\" WHERE \"customerId\" = ?1 AND \"notificationKind\" = ?2";
-            static const std::string queries[2][2] = {
-                {base + " LIMIT 1", base + " AND \"version\" = ?4 LIMIT 1"},
-                {base + " AND \"appId\" = ?3 LIMIT 1", base + " AND \"appId\" = ?3 AND \"version\" = ?4 LIMIT 1"},
-            };
-            auto statement = connection.cachedStatement(queries[appID ? 1 : 0][version ? 1 : 0]);
-            statement->bind(1, std::string_view(customer), false);
+            static const auto queries = fourForms([](bool app, bool withVersion) {
+                return findOneSQL({R"("customerId" = ?1)", R"("notificationKind" = ?2)", app ? R"("appId" = ?3)" : "",
+                                   withVersion ? R"("version" = ?4)" : ""});
+            });
+            auto statement = connection.cachedStatement(queries[appID.has_value()][version.has_value()]);
+            statement->bind(1, customer);
             statement->bind(2, rawValue(type));
             if (appID) statement->bind(3, *appID);
-            if (version) statement->bind(4, std::string_view(*version), false);
+            if (version) statement->bind(4, *version);
             return findsNotification(*statement);
         });
     } catch (const std::exception&) {
@@ -248,12 +257,10 @@ bool NotificationDatabaseImpl::containsNotification(NotificationKind type, const
 void NotificationDatabaseImpl::updateStatus(const NotificationIDs& notificationIDs, NotificationStatus status) {
     try {
         database_->write([&](Connection& connection) {
-            if (notificationIDs.empty()) return;
             auto statement = connection.cachedStatement(
                 "UPDATE \"notification\" SET \"status\" = ? WHERE \"id\" IN (SELECT value FROM json_each(?))");
-            const std::string list = jsonArray(notificationIDs);
             statement->bind(1, rawValue(status));
-            statement->bind(2, std::string_view(list), false);
+            statement->bind(2, describe(notificationIDs));
             statement->execute();
         });
     } catch (const std::exception& error) {

@@ -1,9 +1,8 @@
 #pragma once
 
-#include <NotificationDatabase/Database/DatabasePool.hpp>
+#include <NotificationDatabase/Export.hpp>
 #include <NotificationDatabase/Extensions/NotificationName.hpp>
 #include <NotificationDatabase/NotificationDatabaseConfig.hpp>
-#include <NotificationDatabase/NotificationDatabaseConfigurator.hpp>
 #include <NotificationDatabase/NotificationDatabaseProtocols.hpp>
 #include <NotificationDatabase/Platform/Logger.hpp>
 
@@ -15,11 +14,16 @@
 
 namespace notificationdb {
 
+class Connection;
+class DatabaseObservation;
+class DatabasePool;
+class NotificationDatabaseConfigurator;
+
 // The notification store over one SQLite file. Every operation runs on the caller's thread;
 // writes of one store are serialised, reads run alongside them. After each committed change of
 // the table "notification" the store schedules, 1.0 s later on `MainQueue::main()`, one post of
 // `databaseUpdated()` through `DistributedNotificationCenter::defaultCenter()`.
-class NotificationDatabaseImpl final : public NotificationDatabaseProtocol,
+class NOTIFICATIONDB_API NotificationDatabaseImpl final : public NotificationDatabaseProtocol,
                                        public std::enable_shared_from_this<NotificationDatabaseImpl> {
 public:
     // Opens the pool on `config`, creates missing tables and starts observing. Throws
@@ -43,18 +47,15 @@ public:
                               const std::optional<std::string>& version) override;
 
 private:
-    struct PrivateTag {};
+    // Only `create` builds a store, so that every store observes its writes.
+    explicit NotificationDatabaseImpl(const NotificationDatabaseConfig& config);
 
-public:
-    NotificationDatabaseImpl(PrivateTag, const NotificationDatabaseConfig& config);
-
-private:
     void setupDatabaseObserver();
     static bool contentDuplicate(const NotificationModel& notification, Connection& database);
     void logFailure(std::string_view text, const std::exception& error) const noexcept;
 
     std::shared_ptr<Logger> logger_;
-    NotificationDatabaseConfigurator configurator_;
+    std::unique_ptr<NotificationDatabaseConfigurator> configurator_;
     std::unique_ptr<DatabasePool> database_;
     std::unique_ptr<DatabaseObservation> databaseCancellable_;
 };

@@ -11,7 +11,6 @@ namespace notificationdb {
 namespace {
 
 constexpr std::string_view kDatabaseFileName = "NotificationDatabase.sqlite";
-constexpr double kBusyTimeoutSeconds = 2.0;
 
 }  // namespace
 
@@ -23,7 +22,7 @@ NotificationDatabaseConfig::NotificationDatabaseConfig(std::filesystem::path sto
 const NotificationDatabaseConfig& NotificationDatabaseConfig::default_() {
     static const NotificationDatabaseConfig config = [] {
         Configuration configuration;
-        configuration.busyMode = BusyMode::timeout(kBusyTimeoutSeconds);
+        configuration.busyMode = BusyMode::timeout(busyTimeoutSeconds);
         return NotificationDatabaseConfig(createDatabaseURl(kDatabaseFileName), std::move(configuration));
     }();
     return config;
@@ -33,7 +32,7 @@ const NotificationDatabaseConfig& NotificationDatabaseConfig::readOnly() {
     static const NotificationDatabaseConfig config = [] {
         Configuration configuration;
         configuration.readOnly = true;
-        configuration.busyMode = BusyMode::timeout(kBusyTimeoutSeconds);
+        configuration.busyMode = BusyMode::timeout(busyTimeoutSeconds);
         configuration.persistentReadOnlyConnections = true;
         return NotificationDatabaseConfig(createDatabaseURl(kDatabaseFileName), std::move(configuration));
     }();
@@ -41,8 +40,11 @@ const NotificationDatabaseConfig& NotificationDatabaseConfig::readOnly() {
 }
 
 std::filesystem::path NotificationDatabaseConfig::createDatabaseURl(std::string_view fileName) {
-    return FileManager::defaultManager()->applicationSupportDirectory() / "Vantro" / "Default" / "Databases" /
-           std::filesystem::path(fileName);
+    std::filesystem::path url = FileManager::defaultManager()->applicationSupportDirectory() / "Vantro" / "Default" /
+                                "Databases" / "";
+    // Appended as text: `/` would replace the whole path with an absolute name.
+    url += fileName;
+    return url;
 }
 
 const std::shared_ptr<Logger>& NotificationDatabaseConfig::logger() {

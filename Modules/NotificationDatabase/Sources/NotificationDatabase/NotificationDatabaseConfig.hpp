@@ -1,6 +1,7 @@
 #pragma once
 
-#include <NotificationDatabase/Database/Configuration.hpp>
+#include <NotificationDatabase/Export.hpp>
+#include <NotificationDatabase/Configuration.hpp>
 #include <NotificationDatabase/Platform/Logger.hpp>
 
 #include <filesystem>
@@ -11,8 +12,11 @@ namespace notificationdb {
 
 // Where the notification database file lives and how the store's pool opens it. Building a
 // value makes sure the directory that is to hold the file exists.
-class NotificationDatabaseConfig {
+class NOTIFICATIONDB_API NotificationDatabaseConfig {
 public:
+    // How long the ready-made configurations wait for another connection's lock.
+    static constexpr double busyTimeoutSeconds = 2.0;
+
     // Stores both values, then creates the file's directory (with its parents) unless something
     // already exists at `storageURL`. Never fails: a failure to create the directory is logged
     // as "Unable to create database directory: " plus the error, and the store opened later on

@@ -9,8 +9,15 @@ void NotificationDatabaseConfigurator::configure(DatabasePool& database) const {
 }
 
 void NotificationDatabaseConfigurator::initDatabaseSchemaIfNeeded(DatabasePool& database) const {
-    // The pool begins the transaction deferred on a read-only pool, so a read-only store can
-    // run this whenever both tables exist.
+    // Nearly every open finds both tables. Looking for them in a deferred transaction takes no
+    // write lock, so a store opens beside another process's long write, and a read-only store
+    // opens at all. Only a missing table takes the lock, and then both are looked for again.
+    const bool complete = database.write(
+        [](Connection& connection) {
+            return connection.tableExists("notification") && connection.tableExists("notificationButton");
+        },
+        DatabasePool::Begin::deferred);
+    if (complete) return;
     database.write([](Connection& connection) {
         createNotificationTableIfNeeded(connection);
         createButtonInfoTableIfNeeded(connection);

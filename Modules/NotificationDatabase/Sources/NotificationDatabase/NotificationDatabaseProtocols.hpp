@@ -1,5 +1,7 @@
 #pragma once
 
+#include <NotificationDatabase/Export.hpp>
+
 #include <NotificationDatabase/NotificationModel/NotificationModelInfo.hpp>
 
 #include <cstdint>
@@ -12,7 +14,7 @@ namespace notificationdb {
 // Everything a host can ask of a notification store. No operation reports a failure to its
 // caller: a failing operation leaves the store usable, logs where its contract says so, and
 // returns a neutral result.
-class NotificationDatabaseProtocol {
+class NOTIFICATIONDB_API NotificationDatabaseProtocol {
 public:
     virtual ~NotificationDatabaseProtocol() = default;
 
@@ -43,7 +45,7 @@ public:
 };
 
 // What the user did with notifications.
-class NotificationInteractor {
+class NOTIFICATIONDB_API NotificationInteractor {
 public:
     virtual ~NotificationInteractor() = default;
 
@@ -54,7 +56,7 @@ public:
 };
 
 // Takes batches of notifications from the service and keeps the stored set pruned.
-class NotificationUpdater : public NotificationInteractor {
+class NOTIFICATIONDB_API NotificationUpdater : public NotificationInteractor {
 public:
     // Saves every distinct notification of the batch, then prunes; an empty batch does nothing.
     virtual void receive(const std::vector<NotificationModelInfo>& notifications) = 0;
@@ -64,7 +66,7 @@ public:
 
 // The reading side of a store, for processes that only show notifications. No type of the
 // library implements it; a host adapts its own store or a read-only `NotificationDatabaseImpl`.
-class NotificationReadable {
+class NOTIFICATIONDB_API NotificationReadable {
 public:
     virtual ~NotificationReadable() = default;
 

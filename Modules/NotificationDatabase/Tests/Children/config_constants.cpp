@@ -5,7 +5,7 @@
 //
 // Prints one line per step (see below); library log messages are counted, not shown.
 
-#include <NotificationDatabase/Database/DatabaseError.hpp>
+#include <NotificationDatabase/DatabaseError.hpp>
 
 #include "TestSupport.hpp"
 

@@ -13,7 +13,7 @@
 // "listed <n>" from the store, then, for a writer, tries to save one notification and prints
 // "count <n>" again. Last, one "log <message>" per message logged at error level, and "done".
 
-#include <NotificationDatabase/Database/DatabaseError.hpp>
+#include <NotificationDatabase/DatabaseError.hpp>
 
 #include "TestSupport.hpp"
 

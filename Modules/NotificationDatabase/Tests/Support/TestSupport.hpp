@@ -4,7 +4,7 @@
 // overrides, log capture, plain SQLite access, child processes, records and stores on disk.
 // Header-only and free of GoogleTest, so that child programs can use it too.
 
-#include <NotificationDatabase/Database/DateText.hpp>
+#include <NotificationDatabase/NotificationModel/DateText.hpp>
 #include <NotificationDatabase/NotificationDatabase.hpp>
 #include <NotificationDatabase/NotificationDatabaseConfig.hpp>
 #include <NotificationDatabase/Platform/Logger.hpp>

@@ -1,11 +1,13 @@
 #include "NotificationDatabase/Database/Connection.hpp"
 
-#include "NotificationDatabase/Database/Configuration.hpp"
-#include "NotificationDatabase/Database/DatabaseError.hpp"
+#include "NotificationDatabase/Configuration.hpp"
+#include "NotificationDatabase/DatabaseError.hpp"
 
 #include <sqlite3.h>
 
-#include <cmath>
+#include <algorithm>
+#include <chrono>
+#include <thread>
 #include <string>
 #include <utility>
 
@@ -26,6 +28,8 @@ CachedStatement::~CachedStatement() {
 
 namespace {
 
+constexpr auto kBusyRetryInterval = std::chrono::milliseconds(1);
+
 int busyHandlerTrampoline(void* context, int numberOfTries) {
     auto* callback = static_cast<std::function<bool(int)>*>(context);
     try {
@@ -35,14 +39,29 @@ int busyHandlerTrampoline(void* context, int numberOfTries) {
     }
 }
 
+// Retries every millisecond until `seconds` have passed since the lock was first met.
+// SQLite's own time-out sleeps in growing steps of up to 100 ms, so among several busy writers a
+// waiter keeps missing the short gaps between the others' transactions and runs out of time.
+BusyMode::Callback retryUntil(double seconds) {
+    const auto limit = std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+        std::chrono::duration<double>(std::max(seconds, 0.0)));
+    return [limit, firstTry = std::chrono::steady_clock::time_point()](int numberOfTries) mutable {
+        const auto now = std::chrono::steady_clock::now();
+        if (numberOfTries == 0) firstTry = now;
+        if (now - firstTry >= limit) return false;
+        std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(kBusyRetryInterval, limit - (now - firstTry)));
+        return true;
+    };
+}
+
 }  // namespace
 
-Connection::Connection(const std::filesystem::path& path, Mode mode, const BusyMode& busyMode) : mode_(mode) {
+Connection::Connection(const std::filesystem::path& path, Mode mode, const BusyMode& busyMode) {
     const int flags = (mode == Mode::readOnly ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE) |
                       SQLITE_OPEN_NOMUTEX;
     const int rc = sqlite3_open_v2(path.c_str(), &db_, flags, nullptr);
     if (rc != SQLITE_OK) {
-        DatabaseError error = DatabaseError::fromConnection(db_, rc, "");
+        DatabaseError error = databaseError(db_, rc, "");
         sqlite3_close_v2(db_);
         db_ = nullptr;
         throw error;
@@ -57,16 +76,14 @@ Connection::Connection(const std::filesystem::path& path, Mode mode, const BusyM
         switch (busyMode.kind()) {
             case BusyMode::Kind::immediateError:
                 break;
-            case BusyMode::Kind::timeout: {
-                const double milliseconds = std::round(busyMode.seconds() * 1000.0);
-                sqlite3_busy_timeout(db_, milliseconds > 0 ? static_cast<int>(std::min(milliseconds, 2.0e9)) : 0);
+            case BusyMode::Kind::timeout:
+                busyCallback_ = retryUntil(busyMode.seconds());
                 break;
-            }
             case BusyMode::Kind::callback:
                 busyCallback_ = busyMode.handler();
-                if (busyCallback_) sqlite3_busy_handler(db_, busyHandlerTrampoline, &busyCallback_);
                 break;
         }
+        if (busyCallback_) sqlite3_busy_handler(db_, busyHandlerTrampoline, &busyCallback_);
         execute("PRAGMA foreign_keys = ON");
         // Reading the schema makes SQLite look at the file now, so that a file that is no
         // database fails here rather than at the first query. A read-write connection is the
@@ -93,15 +110,15 @@ void Connection::execute(std::string_view sql) {
         sqlite3_stmt* statement = nullptr;
         int rc = sqlite3_prepare_v2(db_, next, static_cast<int>(end - next), &statement, &next);
         if (rc != SQLITE_OK) {
-            journal_.statementEnded(false);
-            throw DatabaseError::fromConnection(db_, rc, sql);
+            journal_.pending = 0;
+            throw databaseError(db_, rc, sql);
         }
         if (statement == nullptr) continue;  // only whitespace or a comment was left
         while ((rc = sqlite3_step(statement)) == SQLITE_ROW) {
         }
-        journal_.statementEnded(rc == SQLITE_DONE);
+        journal_.statementEnded(db_, rc);
         if (rc != SQLITE_DONE) {
-            DatabaseError error = DatabaseError::fromConnection(db_, rc, sql);
+            DatabaseError error = databaseError(db_, rc, sql);
             sqlite3_finalize(statement);
             throw error;
         }
@@ -128,16 +145,6 @@ CachedStatement Connection::cachedStatement(std::string_view sql) {
 
 std::unique_ptr<Statement> Connection::makeStatement(std::string_view sql) {
     return std::make_unique<Statement>(db_, sql, &journal_);
-}
-
-void Connection::clearStatementCache() noexcept {
-    for (auto it = cache_.begin(); it != cache_.end();) {
-        if (it->second.inUse) {
-            ++it;
-        } else {
-            it = cache_.erase(it);
-        }
-    }
 }
 
 std::int64_t Connection::lastInsertedRowID() const noexcept {

@@ -51,7 +51,6 @@ public:
     Connection& operator=(const Connection&) = delete;
 
     sqlite3* handle() const noexcept { return db_; }
-    Mode mode() const noexcept { return mode_; }
 
     // Runs SQL without parameters or results (one or more statements); throws `DatabaseError`.
     void execute(std::string_view sql);
@@ -59,8 +58,6 @@ public:
     CachedStatement cachedStatement(std::string_view sql);
     // A statement prepared for one use only.
     std::unique_ptr<Statement> makeStatement(std::string_view sql);
-    // Drops every cached statement (they are prepared again on next use).
-    void clearStatementCache() noexcept;
 
     std::int64_t lastInsertedRowID() const noexcept;
     // Rows changed by the last INSERT, UPDATE or DELETE.
@@ -82,7 +79,6 @@ private:
     };
 
     sqlite3* db_ = nullptr;
-    Mode mode_;
     ChangeJournal journal_;
     std::function<bool(int)> busyCallback_;
     std::unordered_map<std::string, CacheEntry, SQLHash, std::equal_to<>> cache_;

@@ -1,6 +1,7 @@
 #include "NotificationDatabase/Database/DatabasePool.hpp"
 
-#include "NotificationDatabase/Database/DatabaseError.hpp"
+#include "NotificationDatabase/DatabaseError.hpp"
+#include "NotificationDatabase/NotificationModel/EnumerationCases.hpp"
 
 #include <sqlite3.h>
 
@@ -9,6 +10,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
+#include <stdexcept>
 #include <thread>
 #include <utility>
 
@@ -16,10 +18,32 @@ namespace notificationdb {
 
 namespace {
 
-bool sameName(std::string_view lhs, std::string_view rhs) noexcept {
-    return sqlite3_strnicmp(lhs.data(), rhs.data(), static_cast<int>(std::max(lhs.size(), rhs.size()))) == 0 &&
-           lhs.size() == rhs.size();
-}
+// The writes running on this thread, innermost first: a write that finds its own pool here
+// was started from inside a write of it.
+struct WriteFrame {
+    const void* pool;
+    const WriteFrame* outer;
+};
+thread_local const WriteFrame* tlsInnermostWrite = nullptr;
+
+class RunningWrite {
+public:
+    explicit RunningWrite(const void* pool) : frame_{pool, tlsInnermostWrite} {
+        for (const WriteFrame* frame = frame_.outer; frame != nullptr; frame = frame->outer) {
+            if (frame->pool == pool) {
+                throw std::logic_error(
+                    "a write of the database was started from inside another write of it on the same thread");
+            }
+        }
+        tlsInnermostWrite = &frame_;
+    }
+    ~RunningWrite() { tlsInnermostWrite = frame_.outer; }
+    RunningWrite(const RunningWrite&) = delete;
+    RunningWrite& operator=(const RunningWrite&) = delete;
+
+private:
+    WriteFrame frame_;
+};
 
 constexpr std::size_t kMaximumTrackedTables = 64;
 
@@ -75,7 +99,7 @@ struct DatabasePool::Shared {
         auto* shared = static_cast<Shared*>(context);
         if (database == nullptr || table == nullptr || std::string_view(database) != "main") return;
         for (std::size_t bit = 0; bit < shared->trackedTables.size(); ++bit) {
-            if (sameName(shared->trackedTables[bit], table)) {
+            if (equalsIgnoringCase(shared->trackedTables[bit], table)) {
                 shared->writer->changeJournal().pending |= std::uint64_t{1} << bit;
                 return;
             }
@@ -91,7 +115,7 @@ struct DatabasePool::Shared {
         if (action != SQLITE_DELETE || table == nullptr) return SQLITE_OK;
         if (database != nullptr && std::string_view(database) != "main") return SQLITE_OK;
         for (const auto& tracked : shared->trackedTables) {
-            if (sameName(tracked, table)) return SQLITE_IGNORE;
+            if (equalsIgnoringCase(tracked, table)) return SQLITE_IGNORE;
         }
         return SQLITE_OK;
     }
@@ -100,7 +124,7 @@ struct DatabasePool::Shared {
         std::uint64_t mask = 0;
         for (const auto& table : tables) {
             auto found = std::find_if(trackedTables.begin(), trackedTables.end(),
-                                      [&](const std::string& tracked) { return sameName(tracked, table); });
+                                      [&](const std::string& tracked) { return equalsIgnoringCase(tracked, table); });
             if (found == trackedTables.end()) {
                 if (trackedTables.size() == kMaximumTrackedTables) {
                     throw std::length_error("too many observed tables");
@@ -196,14 +220,14 @@ const Configuration& DatabasePool::configuration() const noexcept {
     return shared_->configuration;
 }
 
-void DatabasePool::writeImpl(const std::function<void(Connection&)>& body) {
+void DatabasePool::writeImpl(const std::function<void(Connection&)>& body, Begin begin) {
     Shared& shared = *shared_;
+    const RunningWrite running(&shared);
     std::lock_guard lock(shared.writerMutex);
     Connection& writer = *shared.writer;
     writer.changeJournal() = {};
-    auto begin = writer.cachedStatement(shared.configuration.readOnly ? "BEGIN DEFERRED TRANSACTION"
-                                                                      : "BEGIN IMMEDIATE TRANSACTION");
-    begin->execute();
+    const bool deferred = begin == Begin::deferred || shared.configuration.readOnly;
+    writer.cachedStatement(deferred ? "BEGIN DEFERRED TRANSACTION" : "BEGIN IMMEDIATE TRANSACTION")->execute();
     try {
         body(writer);
         writer.cachedStatement("COMMIT TRANSACTION")->execute();

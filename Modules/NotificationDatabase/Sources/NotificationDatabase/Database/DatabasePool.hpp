@@ -1,6 +1,6 @@
 #pragma once
 
-#include <NotificationDatabase/Database/Configuration.hpp>
+#include <NotificationDatabase/Configuration.hpp>
 #include <NotificationDatabase/Database/Connection.hpp>
 
 #include <exception>
@@ -25,12 +25,18 @@ public:
 // writes, and up to `Configuration::maximumReaderCount` read-only connections, opened lazily,
 // that read alongside each other and alongside the writer (WAL journal mode).
 //
-// Thread-safe: any thread may call `write` and `read`. A unit of work must not start another
-// access on the same pool from inside itself (a write inside a write deadlocks).
+// Thread-safe: any thread may call `write` and `read`. A write started from inside a write of
+// the same pool on the same thread would wait for itself: it throws `std::logic_error` instead.
 class DatabasePool {
 public:
     using ChangeHandler = std::function<void()>;
     using ErrorHandler = std::function<void(const std::exception& error)>;
+
+    // How a write transaction begins. `immediate` takes the write lock at once, so the busy
+    // mode applies to waiting for it; `deferred` takes it only when the work first writes (and
+    // then fails at once with SQLITE_BUSY when another connection holds it). A read-only pool
+    // always begins deferred.
+    enum class Begin { immediate, deferred };
 
     // Opens the writer connection on `path` (creating the file unless read-only), enables
     // foreign keys and, for a read-write pool, WAL mode. Throws `DatabaseError`.
@@ -42,13 +48,13 @@ public:
     const std::filesystem::path& path() const noexcept;
     const Configuration& configuration() const noexcept;
 
-    // Runs `work` on the writer connection inside one transaction (BEGIN IMMEDIATE on a
-    // read-write pool, so the busy mode applies to the lock between processes; deferred on a
-    // read-only pool) and commits when it returns. When `work` or the commit throws, the
-    // transaction is rolled back and the exception propagates. One write at a time per pool.
+    // Runs `work` on the writer connection inside one transaction begun as `begin` says and
+    // commits when it returns. When `work` or the commit throws, the transaction is rolled back
+    // and the exception propagates. One write at a time per pool.
     template <class Work>
-    auto write(Work&& work) -> std::invoke_result_t<Work&, Connection&> {
-        return runAndReturn(work, [this](const std::function<void(Connection&)>& body) { writeImpl(body); });
+    auto write(Work&& work, Begin begin = Begin::immediate) -> std::invoke_result_t<Work&, Connection&> {
+        return runAndReturn(work,
+                            [this, begin](const std::function<void(Connection&)>& body) { writeImpl(body, begin); });
     }
 
     // Runs `work` on a reader connection inside one read transaction that sees the last
@@ -85,7 +91,7 @@ private:
         }
     }
 
-    void writeImpl(const std::function<void(Connection&)>& body);
+    void writeImpl(const std::function<void(Connection&)>& body, Begin begin);
     void readImpl(const std::function<void(Connection&)>& body);
 
     struct Shared;

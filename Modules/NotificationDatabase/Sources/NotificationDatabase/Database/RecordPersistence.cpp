@@ -1,6 +1,6 @@
 #include "NotificationDatabase/Database/RecordPersistence.hpp"
 
-#include "NotificationDatabase/Database/DatabaseError.hpp"
+#include "NotificationDatabase/DatabaseError.hpp"
 
 #include <cmath>
 #include <limits>

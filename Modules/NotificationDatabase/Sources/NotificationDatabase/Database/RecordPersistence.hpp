@@ -1,7 +1,7 @@
 #pragma once
 
 #include <NotificationDatabase/Database/Connection.hpp>
-#include <NotificationDatabase/Database/RecordCoding.hpp>
+#include <NotificationDatabase/NotificationModel/RecordCoding.hpp>
 #include <NotificationDatabase/Database/Statement.hpp>
 
 #include <array>

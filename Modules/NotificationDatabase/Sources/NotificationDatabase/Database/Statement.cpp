@@ -1,6 +1,7 @@
 #include "NotificationDatabase/Database/Statement.hpp"
 
-#include "NotificationDatabase/Database/DatabaseError.hpp"
+#include "NotificationDatabase/DatabaseError.hpp"
+#include "NotificationDatabase/NotificationModel/EnumerationCases.hpp"
 
 #include <sqlite3.h>
 
@@ -9,21 +10,15 @@
 
 namespace notificationdb {
 
-namespace {
-
-bool equalsIgnoringCase(std::string_view lhs, std::string_view rhs) noexcept {
-    if (lhs.size() != rhs.size()) return false;
-    for (std::size_t i = 0; i < lhs.size(); ++i) {
-        char l = lhs[i];
-        char r = rhs[i];
-        if (l >= 'A' && l <= 'Z') l = static_cast<char>(l - 'A' + 'a');
-        if (r >= 'A' && r <= 'Z') r = static_cast<char>(r - 'A' + 'a');
-        if (l != r) return false;
+void ChangeJournal::statementEnded(sqlite3* connection, int resultCode) noexcept {
+    // A statement that fails under FAIL semantics (a trigger's RAISE(FAIL), for one) keeps the
+    // rows it changed before the failure, and SQLite then reports those changes; one that fails
+    // under ABORT is undone and reports none.
+    if (resultCode == SQLITE_DONE || (resultCode != SQLITE_ROW && sqlite3_changes(connection) > 0)) {
+        settled |= pending;
     }
-    return true;
+    pending = 0;
 }
-
-}  // namespace
 
 // How the columns of a statement's rows are grouped: the base part (the first table's
 // columns, or every column when SQLite reports no origin table) and one scope per further
@@ -58,7 +53,7 @@ Statement::Statement(sqlite3* connection, std::string_view sql, ChangeJournal* j
     int rc = sqlite3_prepare_v3(connection_, sql_.data(), static_cast<int>(sql_.size()), SQLITE_PREPARE_PERSISTENT,
                                 &statement_, &tail);
     if (rc != SQLITE_OK) {
-        DatabaseError error = DatabaseError::fromConnection(connection_, rc, sql_);
+        DatabaseError error = databaseError(connection_, rc, sql_);
         sqlite3_finalize(statement_);
         statement_ = nullptr;
         throw error;
@@ -73,12 +68,8 @@ Statement::~Statement() {
     sqlite3_finalize(statement_);
 }
 
-int Statement::parameterCount() const noexcept {
-    return sqlite3_bind_parameter_count(statement_);
-}
-
 void Statement::fail(int resultCode) const {
-    throw DatabaseError::fromConnection(connection_, resultCode, sql_);
+    throw databaseError(connection_, resultCode, sql_);
 }
 
 void Statement::bindNull(int index) {
@@ -93,25 +84,24 @@ void Statement::bind(int index, double value) {
     if (int rc = sqlite3_bind_double(statement_, index, value); rc != SQLITE_OK) fail(rc);
 }
 
-void Statement::bind(int index, std::string_view text, bool copy) {
+void Statement::bind(int index, std::string_view text) {
     if (text.size() > static_cast<std::size_t>(INT_MAX)) fail(SQLITE_TOOBIG);
-    int rc = sqlite3_bind_text64(statement_, index, text.data(), text.size(), copy ? SQLITE_TRANSIENT : SQLITE_STATIC,
-                                 SQLITE_UTF8);
+    int rc = sqlite3_bind_text64(statement_, index, text.data(), text.size(), SQLITE_TRANSIENT, SQLITE_UTF8);
     if (rc != SQLITE_OK) fail(rc);
 }
 
-void Statement::bind(int index, std::span<const std::uint8_t> bytes, bool copy) {
+void Statement::bind(int index, std::span<const std::uint8_t> bytes) {
     // A zero-length blob is still a blob, not NULL: SQLite needs a non-null pointer for that.
     static const std::uint8_t empty = 0;
     const void* data = bytes.empty() ? &empty : bytes.data();
-    int rc = sqlite3_bind_blob64(statement_, index, data, bytes.size(), copy ? SQLITE_TRANSIENT : SQLITE_STATIC);
+    int rc = sqlite3_bind_blob64(statement_, index, data, bytes.size(), SQLITE_TRANSIENT);
     if (rc != SQLITE_OK) fail(rc);
 }
 
 bool Statement::step() {
     int rc = sqlite3_step(statement_);
     if (rc == SQLITE_ROW) return true;
-    if (journal_ != nullptr) journal_->statementEnded(rc == SQLITE_DONE);
+    if (journal_ != nullptr) journal_->statementEnded(connection_, rc);
     if (rc == SQLITE_DONE) return false;
     // sqlite3_reset returns the same error and keeps the connection's message for it.
     fail(rc);

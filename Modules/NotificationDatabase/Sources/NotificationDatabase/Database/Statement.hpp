@@ -13,19 +13,22 @@ struct sqlite3_stmt;
 
 namespace notificationdb {
 
+class DatabaseError;
 class Statement;
 
+// The error that `connection` reports for the failed call that returned `resultCode`, while
+// running `sql` (empty when no statement was involved).
+DatabaseError databaseError(sqlite3* connection, int resultCode, std::string_view sql);
+
 // Changes of observed tables made by statements of one connection. The connection's update
-// hook marks `pending` while a statement runs; the statement settles the marks when it ends,
-// keeping them when it succeeded and dropping them when it failed (SQLite undid its changes).
+// hook marks `pending` while a statement runs; the statement settles the marks when it ends:
+// it keeps them when its changes stayed and drops them when SQLite undid them.
 struct ChangeJournal {
     std::uint64_t pending = 0;
     std::uint64_t settled = 0;
 
-    void statementEnded(bool succeeded) noexcept {
-        if (succeeded) settled |= pending;
-        pending = 0;
-    }
+    // Settles the marks of the statement that just ended on `connection` with `resultCode`.
+    void statementEnded(sqlite3* connection, int resultCode) noexcept;
 };
 
 // Storage class of a column value, as SQLite reports it for the current row.
@@ -37,8 +40,6 @@ enum class ColumnType { integer = 1, real = 2, text = 3, blob = 4, null = 5 };
 // steps again.
 class Row {
 public:
-    // Number of columns in this view.
-    int count() const noexcept { return end_ - begin_; }
     // Statement column index of the first column named `name` in this view (names compare
     // without regard to ASCII case), or -1.
     int index(std::string_view name) const noexcept;
@@ -59,8 +60,6 @@ public:
     // per statement and view and then reused for every row; `key` identifies the name list.
     // Valid until the statement is prepared again (other lookups do not move it).
     std::span<const int> resolve(const void* key, std::span<const std::string_view> names) const;
-
-    Statement& statement() const noexcept { return *statement_; }
 
 private:
     friend class Statement;
@@ -85,7 +84,6 @@ public:
 
     const std::string& sql() const noexcept { return sql_; }
     sqlite3_stmt* handle() const noexcept { return statement_; }
-    int parameterCount() const noexcept;
 
     // Binding; each throws `DatabaseError` when SQLite refuses the value (e.g. a bad index).
     void bindNull(int index);
@@ -93,11 +91,10 @@ public:
     void bind(int index, int value) { bind(index, static_cast<std::int64_t>(value)); }
     void bind(int index, bool value) { bind(index, static_cast<std::int64_t>(value ? 1 : 0)); }
     void bind(int index, double value);
-    // Text is copied by SQLite at bind time only when `copy` is true; otherwise it must stay
-    // alive until the statement is reset.
-    void bind(int index, std::string_view text, bool copy = true);
+    // Text and bytes are copied at bind time, so the caller's buffer may go at once.
+    void bind(int index, std::string_view text);
     void bind(int index, const char* text) { bind(index, std::string_view(text)); }
-    void bind(int index, std::span<const std::uint8_t> bytes, bool copy = true);
+    void bind(int index, std::span<const std::uint8_t> bytes);
     template <class T>
     void bind(int index, const std::optional<T>& value) {
         if (value) {

@@ -7,13 +7,6 @@
 
 namespace notificationdb {
 
-namespace {
-
-constexpr std::array<std::string_view, 7> kActionKindNames{
-    "openCabinet", "openApp", "openCollection", "openLink", "openBlogArticle", "openVantro", "refreshInstalledApps"};
-
-}  // namespace
-
 NotificationButton::NotificationButton(std::optional<std::int64_t> id, std::optional<std::string> buttonId,
                                        std::optional<std::string> title, bool visible,
                                        std::optional<std::int64_t> notificationId,
@@ -25,28 +18,6 @@ NotificationButton::NotificationButton(std::optional<std::int64_t> id, std::opti
       actionKind(actionKind),
       userAction(std::move(userAction)),
       id_(id) {}
-
-template <>
-std::optional<UserActionKind> fromRawValue<UserActionKind>(std::int64_t raw) noexcept {
-    if (raw < 0 || raw >= static_cast<std::int64_t>(kActionKindNames.size())) return std::nullopt;
-    return static_cast<UserActionKind>(raw);
-}
-
-std::optional<UserActionKind> makeUserActionKind(std::int64_t value) noexcept {
-    return fromRawValue<UserActionKind>(value);
-}
-
-std::string_view caseName(UserActionKind kind) noexcept {
-    return kActionKindNames.at(static_cast<std::size_t>(rawValue(kind)));
-}
-
-template <>
-std::optional<UserActionKind> fromCaseName<UserActionKind>(std::string_view name) noexcept {
-    for (std::size_t i = 0; i < kActionKindNames.size(); ++i) {
-        if (kActionKindNames[i] == name) return static_cast<UserActionKind>(i);
-    }
-    return std::nullopt;
-}
 
 FieldValue RecordCoding<NotificationButton>::encode(const NotificationButton& record, std::size_t fieldIndex) {
     const auto optionalField = [](const auto& value) -> FieldValue {

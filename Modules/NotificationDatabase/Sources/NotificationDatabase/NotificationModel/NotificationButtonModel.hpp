@@ -1,6 +1,8 @@
 #pragma once
 
-#include <NotificationDatabase/Database/RecordCoding.hpp>
+#include <NotificationDatabase/Export.hpp>
+#include <NotificationDatabase/NotificationModel/EnumerationCases.hpp>
+#include <NotificationDatabase/NotificationModel/RecordCoding.hpp>
 
 #include <array>
 #include <cstdint>
@@ -12,7 +14,7 @@ namespace notificationdb {
 
 // The one action button a notification may carry: a row of the table "notificationButton".
 // A plain value. Every field is readable; all but `id` are public and assignable.
-class NotificationButton {
+class NOTIFICATIONDB_API NotificationButton {
 public:
     // What pressing the button does; stored as its raw value.
     enum class UserActionKind : std::int64_t {
@@ -52,27 +54,20 @@ private:
 
 using UserActionKind = NotificationButton::UserActionKind;
 
-constexpr std::int64_t rawValue(UserActionKind kind) noexcept {
-    return static_cast<std::int64_t>(kind);
-}
-
-template <class Enumeration>
-std::optional<Enumeration> fromRawValue(std::int64_t raw) noexcept;
-// Strict construction: the case with that raw value, nullopt outside 0...6.
 template <>
-std::optional<UserActionKind> fromRawValue<UserActionKind>(std::int64_t raw) noexcept;
+struct EnumerationCases<UserActionKind> {
+    static constexpr std::array<std::string_view, 7> names{
+        "openCabinet", "openApp", "openCollection", "openLink", "openBlogArticle", "openVantro", "refreshInstalledApps"};
+};
+
 // The integer construction behaves like the strict one: there is no fallback case.
-std::optional<UserActionKind> makeUserActionKind(std::int64_t value) noexcept;
-
-std::string_view caseName(UserActionKind kind) noexcept;
-template <class Enumeration>
-std::optional<Enumeration> fromCaseName(std::string_view name) noexcept;
-template <>
-std::optional<UserActionKind> fromCaseName<UserActionKind>(std::string_view name) noexcept;
+constexpr std::optional<UserActionKind> makeUserActionKind(std::int64_t value) noexcept {
+    return fromRawValue<UserActionKind>(value);
+}
 
 // The keyed coding of the button record: its seven fields in column order.
 template <>
-struct RecordCoding<NotificationButton> {
+struct NOTIFICATIONDB_API RecordCoding<NotificationButton> {
     static constexpr std::string_view tableName = NotificationButton::databaseTableName;
     static constexpr std::array<FieldDescriptor, 7> fields{{
         {"id", FieldType::integer, true},

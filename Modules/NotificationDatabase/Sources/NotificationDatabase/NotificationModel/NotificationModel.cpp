@@ -1,19 +1,12 @@
 #include "NotificationDatabase/NotificationModel/NotificationModel.hpp"
 
-#include "NotificationDatabase/Database/DatabaseError.hpp"
+#include "NotificationDatabase/DatabaseError.hpp"
 #include "NotificationDatabase/Database/RecordPersistence.hpp"
 
 #include <array>
 #include <utility>
 
 namespace notificationdb {
-
-namespace {
-
-constexpr std::array<std::string_view, 3> kStatusNames{"new", "shown", "read"};
-constexpr std::array<std::string_view, 5> kKindNames{"default", "newApp", "appUpdate", "vantroUpdate", "ai"};
-
-}  // namespace
 
 NotificationModel::NotificationModel(std::optional<std::int64_t> id, std::optional<std::string> customerId,
                                      Timestamp createdDate, std::string version, std::string analyticsTag,
@@ -33,57 +26,6 @@ NotificationModel::NotificationModel(std::optional<std::int64_t> id, std::option
       notificationKind(notificationKind),
       id_(id),
       customerId_(std::move(customerId)) {}
-
-template <>
-std::optional<NotificationStatus> fromRawValue<NotificationStatus>(std::int64_t raw) noexcept {
-    if (raw < 0 || raw >= static_cast<std::int64_t>(kStatusNames.size())) return std::nullopt;
-    return static_cast<NotificationStatus>(raw);
-}
-
-template <>
-std::optional<NotificationKind> fromRawValue<NotificationKind>(std::int64_t raw) noexcept {
-    if (raw < 0 || raw >= static_cast<std::int64_t>(kKindNames.size())) return std::nullopt;
-    return static_cast<NotificationKind>(raw);
-}
-
-NotificationStatus makeNotificationStatus(std::int64_t value) noexcept {
-    switch (value) {
-        case 1:
-            return NotificationStatus::shown;
-        case 2:
-            return NotificationStatus::read;
-        default:
-            return NotificationStatus::new_;
-    }
-}
-
-NotificationKind makeNotificationKind(std::int64_t value) noexcept {
-    return fromRawValue<NotificationKind>(value).value_or(NotificationKind::default_);
-}
-
-std::string_view caseName(NotificationStatus status) noexcept {
-    return kStatusNames.at(static_cast<std::size_t>(rawValue(status)));
-}
-
-std::string_view caseName(NotificationKind kind) noexcept {
-    return kKindNames.at(static_cast<std::size_t>(rawValue(kind)));
-}
-
-template <>
-std::optional<NotificationStatus> fromCaseName<NotificationStatus>(std::string_view name) noexcept {
-    for (std::size_t i = 0; i < kStatusNames.size(); ++i) {
-        if (kStatusNames[i] == name) return static_cast<NotificationStatus>(i);
-    }
-    return std::nullopt;
-}
-
-template <>
-std::optional<NotificationKind> fromCaseName<NotificationKind>(std::string_view name) noexcept {
-    for (std::size_t i = 0; i < kKindNames.size(); ++i) {
-        if (kKindNames[i] == name) return static_cast<NotificationKind>(i);
-    }
-    return std::nullopt;
-}
 
 FieldValue RecordCoding<NotificationModel>::encode(const NotificationModel& record, std::size_t fieldIndex) {
     const auto optionalValue = [](const auto& value) -> FieldValue {

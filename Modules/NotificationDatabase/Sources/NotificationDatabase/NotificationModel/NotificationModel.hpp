@@ -1,6 +1,8 @@
 #pragma once
 
-#include <NotificationDatabase/Database/RecordCoding.hpp>
+#include <NotificationDatabase/Export.hpp>
+#include <NotificationDatabase/NotificationModel/EnumerationCases.hpp>
+#include <NotificationDatabase/NotificationModel/RecordCoding.hpp>
 
 #include <array>
 #include <cstdint>
@@ -13,7 +15,7 @@ namespace notificationdb {
 // One stored in-app notification: a row of the table "notification". A plain value; copies are
 // independent. Every field is readable; all but `id` and `customerId` are public and
 // assignable, those two are fixed at construction (the insert sets `id`).
-class NotificationModel {
+class NOTIFICATIONDB_API NotificationModel {
 public:
     // Where the user is with the notification; stored as its raw value.
     enum class NotificationStatus : std::int64_t { new_ = 0, shown = 1, read = 2 };
@@ -56,40 +58,27 @@ private:
 using NotificationStatus = NotificationModel::NotificationStatus;
 using NotificationKind = NotificationModel::NotificationKind;
 
-// Raw values.
-constexpr std::int64_t rawValue(NotificationStatus status) noexcept {
-    return static_cast<std::int64_t>(status);
-}
-constexpr std::int64_t rawValue(NotificationKind kind) noexcept {
-    return static_cast<std::int64_t>(kind);
-}
-
-// Strict construction from a raw value: the case with that raw value, nullopt for any other.
-template <class Enumeration>
-std::optional<Enumeration> fromRawValue(std::int64_t raw) noexcept;
 template <>
-std::optional<NotificationStatus> fromRawValue<NotificationStatus>(std::int64_t raw) noexcept;
+struct EnumerationCases<NotificationStatus> {
+    static constexpr std::array<std::string_view, 3> names{"new", "shown", "read"};
+};
 template <>
-std::optional<NotificationKind> fromRawValue<NotificationKind>(std::int64_t raw) noexcept;
+struct EnumerationCases<NotificationKind> {
+    static constexpr std::array<std::string_view, 5> names{"default", "newApp", "appUpdate", "vantroUpdate", "ai"};
+};
 
 // Lenient construction, always a case: 1 is `shown`, 2 is `read`, anything else `new_`.
-NotificationStatus makeNotificationStatus(std::int64_t value) noexcept;
+constexpr NotificationStatus makeNotificationStatus(std::int64_t value) noexcept {
+    return value == 1 || value == 2 ? static_cast<NotificationStatus>(value) : NotificationStatus::new_;
+}
 // Lenient construction, always a case: 0...4 give their case, anything else `default_`.
-NotificationKind makeNotificationKind(std::int64_t value) noexcept;
-
-// Case names as written in code ("new", "shown", "read"; "default", "newApp", ...), and back.
-std::string_view caseName(NotificationStatus status) noexcept;
-std::string_view caseName(NotificationKind kind) noexcept;
-template <class Enumeration>
-std::optional<Enumeration> fromCaseName(std::string_view name) noexcept;
-template <>
-std::optional<NotificationStatus> fromCaseName<NotificationStatus>(std::string_view name) noexcept;
-template <>
-std::optional<NotificationKind> fromCaseName<NotificationKind>(std::string_view name) noexcept;
+constexpr NotificationKind makeNotificationKind(std::int64_t value) noexcept {
+    return fromRawValue<NotificationKind>(value).value_or(NotificationKind::default_);
+}
 
 // The keyed coding of the notification record: its twelve fields in column order.
 template <>
-struct RecordCoding<NotificationModel> {
+struct NOTIFICATIONDB_API RecordCoding<NotificationModel> {
     static constexpr std::string_view tableName = NotificationModel::databaseTableName;
     static constexpr std::array<FieldDescriptor, 12> fields{{
         {"id", FieldType::integer, true},

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <NotificationDatabase/Export.hpp>
 #include <NotificationDatabase/NotificationModel/NotificationButtonModel.hpp>
 #include <NotificationDatabase/NotificationModel/NotificationModel.hpp>
 
@@ -19,7 +20,7 @@ class Row;
 // A notification with its optional action button: the unit exchanged between host, updater
 // and store. Two pairs are equal exactly when their notifications' ids are equal (two absent
 // ids are equal; absent never equals present); nothing else takes part.
-struct NotificationModelInfo {
+struct NOTIFICATIONDB_API NotificationModelInfo {
     // Key of the notification in a joined row, and of the button's scope.
     static constexpr std::string_view notificationKey = "notification";
     static constexpr std::string_view actionButtonKey = NotificationButton::databaseTableName;
@@ -51,7 +52,7 @@ using NotificationIDs = std::set<std::int64_t>;
 // Fed the notification's id alone (presence marker, then the value), so that it agrees with
 // equality and a set keeps one entry per notification id.
 template <>
-struct std::hash<notificationdb::NotificationModelInfo> {
+struct NOTIFICATIONDB_API std::hash<notificationdb::NotificationModelInfo> {
     std::size_t operator()(const notificationdb::NotificationModelInfo& info) const noexcept;
 };
 
@@ -61,6 +62,6 @@ namespace notificationdb {
 using NotificationModelInfoSet = std::unordered_set<NotificationModelInfo>;
 
 // Text of a set of ids as it appears in messages: "[1, 2]", "[]".
-std::string describe(const NotificationIDs& ids);
+NOTIFICATIONDB_API std::string describe(const NotificationIDs& ids);
 
 }  // namespace notificationdb

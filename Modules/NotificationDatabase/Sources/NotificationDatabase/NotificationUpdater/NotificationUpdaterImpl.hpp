@@ -1,5 +1,7 @@
 #pragma once
 
+#include <NotificationDatabase/Export.hpp>
+
 #include <NotificationDatabase/NotificationDatabaseProtocols.hpp>
 
 #include <chrono>
@@ -13,9 +15,10 @@ namespace notificationdb {
 // each pass no notification created 30 days (2,592,000 s) or more before the pass remains, and
 // at most 100 per customer (notifications without customer form one group). Holds no lock,
 // thread or state of its own; reaches the database only through `NotificationDatabaseProtocol`.
-class NotificationUpdaterImpl final : public NotificationUpdater {
+class NOTIFICATIONDB_API NotificationUpdaterImpl final : public NotificationUpdater {
 public:
-    using Clock = std::function<std::chrono::system_clock::time_point()>;
+    // The current time; a function returning `std::chrono::system_clock::now()` serves.
+    using Clock = std::function<Timestamp()>;
 
     static constexpr std::chrono::seconds ageLimit{2'592'000};
     static constexpr std::size_t perCustomerLimit = 100;

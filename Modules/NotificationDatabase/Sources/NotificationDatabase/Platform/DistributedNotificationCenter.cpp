@@ -2,6 +2,7 @@
 
 #include "NotificationDatabase/Platform/Logger.hpp"
 #include "NotificationDatabase/Platform/MainQueue.hpp"
+#include "NotificationDatabase/Platform/ProcessWide.hpp"
 
 #include <systemd/sd-bus.h>
 
@@ -28,9 +29,9 @@ namespace {
 
 // How long a post may wait for the bus to accept it. A healthy session bus answers within
 // milliseconds; this only bounds the damage of a stuck one.
-constexpr auto postTimeout = std::chrono::seconds(2);
+constexpr auto kPostTimeout = std::chrono::seconds(2);
 // Bound on the bus's own method calls (registering the match rule of an observer).
-constexpr std::uint64_t methodCallTimeoutMicroseconds = 5'000'000;
+constexpr std::uint64_t kMethodCallTimeoutMicroseconds = 5'000'000;
 
 struct BusCloser {
     void operator()(sd_bus* bus) const noexcept { sd_bus_close_unref(bus); }
@@ -83,7 +84,7 @@ int openSessionBus(BusPointer& bus) {
         return result;
     }
     bus.reset(raw);
-    return sd_bus_set_method_call_timeout(raw, methodCallTimeoutMicroseconds);
+    return sd_bus_set_method_call_timeout(raw, kMethodCallTimeoutMicroseconds);
 }
 
 std::uint64_t monotonicMicroseconds() {
@@ -297,7 +298,7 @@ public:
             }
             int result = sd_bus_emit_signal(bus_.get(), path.c_str(), interface.c_str(), name.c_str(), nullptr);
             if (result >= 0) {
-                result = flushWithin(bus_.get(), std::chrono::duration_cast<std::chrono::microseconds>(postTimeout));
+                result = flushWithin(bus_.get(), std::chrono::duration_cast<std::chrono::microseconds>(kPostTimeout));
             }
             if (result >= 0) {
                 return;
@@ -343,32 +344,17 @@ private:
     BusPointer bus_;
 };
 
-struct DefaultCenterSlot {
-    std::mutex mutex;
-    std::shared_ptr<DistributedNotificationCenter> center;
-};
-
-DefaultCenterSlot& defaultCenterSlot() {
-    // Never destroyed: posts scheduled by static destructors must still find a center.
-    static auto* const slot = new DefaultCenterSlot();
-    return *slot;
-}
-
 }  // namespace
 
+// A single center for the process: posts scheduled by static destructors must still find one.
+using DefaultCenter = detail::ReplaceableDefault<DistributedNotificationCenter, makeDBusNotificationCenter>;
+
 std::shared_ptr<DistributedNotificationCenter> DistributedNotificationCenter::defaultCenter() {
-    auto& slot = defaultCenterSlot();
-    std::lock_guard lock(slot.mutex);
-    if (!slot.center) {
-        slot.center = makeDBusNotificationCenter();
-    }
-    return slot.center;
+    return DefaultCenter::get();
 }
 
 void DistributedNotificationCenter::setDefaultCenter(std::shared_ptr<DistributedNotificationCenter> center) {
-    auto& slot = defaultCenterSlot();
-    std::lock_guard lock(slot.mutex);
-    slot.center = std::move(center);
+    DefaultCenter::set(std::move(center));
 }
 
 std::shared_ptr<DistributedNotificationCenter> makeDBusNotificationCenter() {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <NotificationDatabase/Export.hpp>
+
 #include <functional>
 #include <memory>
 #include <string>
@@ -15,7 +17,7 @@ namespace notificationdb {
 //   member    the notice name (it must be a valid D-Bus member name)
 // with no arguments. Without a reachable session bus a post is logged once as an error and
 // dropped; nothing throws.
-class DistributedNotificationCenter {
+class NOTIFICATIONDB_API DistributedNotificationCenter {
 public:
     static constexpr std::string_view objectPath = "/org/notificationdb/DistributedNotificationCenter";
     static constexpr std::string_view interfaceName = "org.notificationdb.DistributedNotificationCenter";
@@ -25,7 +27,7 @@ public:
     // Stops the observation it stands for when destroyed: from then on the handler is not called,
     // not even for notices already waiting on the main queue (a call running on another thread
     // at that moment may still finish).
-    class ObserverToken {
+    class NOTIFICATIONDB_API ObserverToken {
     public:
         virtual ~ObserverToken() = default;
     };
@@ -49,6 +51,6 @@ public:
 };
 
 // The session-bus implementation (sd-bus).
-std::shared_ptr<DistributedNotificationCenter> makeDBusNotificationCenter();
+NOTIFICATIONDB_API std::shared_ptr<DistributedNotificationCenter> makeDBusNotificationCenter();
 
 }  // namespace notificationdb

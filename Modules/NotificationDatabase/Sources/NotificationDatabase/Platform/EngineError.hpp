@@ -1,5 +1,7 @@
 #pragma once
 
+#include <NotificationDatabase/Export.hpp>
+
 #include <stdexcept>
 #include <string>
 
@@ -7,7 +9,7 @@ namespace notificationdb {
 
 // Base of errors that come from a storage engine with numeric result codes. `LogSanitizer`
 // renders these as code, code name and the engine's own message; nothing else of them.
-class EngineError : public std::runtime_error {
+class NOTIFICATIONDB_API EngineError : public std::runtime_error {
 public:
     EngineError(int resultCode, int extendedResultCode, std::string codeName, std::string engineMessage,
                 const std::string& what)

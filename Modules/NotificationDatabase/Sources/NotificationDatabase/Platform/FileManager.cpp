@@ -1,7 +1,8 @@
 #include "NotificationDatabase/Platform/FileManager.hpp"
 
+#include "NotificationDatabase/Platform/ProcessWide.hpp"
+
 #include <cstdlib>
-#include <mutex>
 #include <utility>
 #include <vector>
 
@@ -30,32 +31,16 @@ std::filesystem::path homeDirectory() {
     return {};
 }
 
-struct DefaultManagerSlot {
-    std::mutex mutex;
-    std::shared_ptr<FileManager> manager;
-};
-
-DefaultManagerSlot& defaultManagerSlot() {
-    // Never destroyed: the manager may be asked for during static destruction.
-    static auto* const slot = new DefaultManagerSlot();
-    return *slot;
-}
+using DefaultManager = detail::ReplaceableDefault<FileManager, [] { return std::make_shared<SystemFileManager>(); }>;
 
 }  // namespace
 
 std::shared_ptr<FileManager> FileManager::defaultManager() {
-    auto& slot = defaultManagerSlot();
-    std::lock_guard lock(slot.mutex);
-    if (!slot.manager) {
-        slot.manager = std::make_shared<SystemFileManager>();
-    }
-    return slot.manager;
+    return DefaultManager::get();
 }
 
 void FileManager::setDefaultManager(std::shared_ptr<FileManager> manager) {
-    auto& slot = defaultManagerSlot();
-    std::lock_guard lock(slot.mutex);
-    slot.manager = std::move(manager);
+    DefaultManager::set(std::move(manager));
 }
 
 std::filesystem::path SystemFileManager::applicationSupportDirectory() const {

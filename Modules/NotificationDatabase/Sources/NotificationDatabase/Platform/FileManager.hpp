@@ -1,5 +1,7 @@
 #pragma once
 
+#include <NotificationDatabase/Export.hpp>
+
 #include <filesystem>
 #include <memory>
 #include <system_error>
@@ -8,7 +10,7 @@ namespace notificationdb {
 
 // The file-system services the library needs. Replaceable, so a host or a test can redirect or
 // observe them (see `setDefaultManager`).
-class FileManager {
+class NOTIFICATIONDB_API FileManager {
 public:
     virtual ~FileManager() = default;
 
@@ -29,7 +31,7 @@ public:
 };
 
 // The real file system.
-class SystemFileManager final : public FileManager {
+class NOTIFICATIONDB_API SystemFileManager final : public FileManager {
 public:
     std::filesystem::path applicationSupportDirectory() const override;
     bool fileExists(const std::filesystem::path& path) const override;

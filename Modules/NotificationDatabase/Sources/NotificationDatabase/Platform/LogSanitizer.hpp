@@ -1,5 +1,7 @@
 #pragma once
 
+#include <NotificationDatabase/Export.hpp>
+
 #include <exception>
 #include <string>
 
@@ -9,7 +11,7 @@ namespace notificationdb {
 // result code, its name and the engine's message, e.g.
 // "SQLite error 19 (SQLITE_CONSTRAINT_FOREIGNKEY): FOREIGN KEY constraint failed";
 // for any other exception its `what()`. Never includes bound values or row contents.
-class LogSanitizer {
+class NOTIFICATIONDB_API LogSanitizer {
 public:
     static std::string sanitizeError(const std::exception& error);
 };

@@ -1,5 +1,7 @@
 #include "NotificationDatabase/Platform/Logger.hpp"
 
+#include "NotificationDatabase/Platform/ProcessWide.hpp"
+
 #include <cstdio>
 #include <utility>
 
@@ -76,10 +78,9 @@ Logger::Logger(std::string name, std::shared_ptr<const Logger> parent, Destinati
       destinations_(std::move(destinations)) {}
 
 std::shared_ptr<Logger> Logger::module() {
-    // Never destroyed: code that runs during static destruction may still log.
-    static const auto* const root = new std::shared_ptr<Logger>(
-        std::make_shared<Logger>("root", nullptr, Destinations{std::make_shared<StderrLogDestination>()}, false));
-    return *root;
+    return detail::neverDestroyed([] {
+        return std::make_shared<Logger>("root", nullptr, Destinations{std::make_shared<StderrLogDestination>()}, false);
+    });
 }
 
 std::shared_ptr<Logger> Logger::subLogger(std::string name, Destinations destinations, bool inheritDestinations) const {

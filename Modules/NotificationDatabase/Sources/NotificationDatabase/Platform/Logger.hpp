@@ -1,5 +1,7 @@
 #pragma once
 
+#include <NotificationDatabase/Export.hpp>
+
 #include <memory>
 #include <mutex>
 #include <string>
@@ -12,10 +14,10 @@ namespace notificationdb {
 enum class LogLevel : int { verbose = 0, debug = 1, info = 2, warning = 3, error = 4 };
 
 // Text form of a level ("verbose" ... "error").
-std::string_view logLevelName(LogLevel level) noexcept;
+NOTIFICATIONDB_API std::string_view logLevelName(LogLevel level) noexcept;
 
 // Where log messages end up. Implementations must be safe to call from any thread.
-class LogDestination {
+class NOTIFICATIONDB_API LogDestination {
 public:
     virtual ~LogDestination() = default;
     // `loggerPath` is the dotted name of the logger that logged, e.g.
@@ -24,7 +26,7 @@ public:
 };
 
 // Writes one line per message to standard error: "[level] path: message".
-class StderrLogDestination final : public LogDestination {
+class NOTIFICATIONDB_API StderrLogDestination final : public LogDestination {
 public:
     // Messages below `minimumLevel` are dropped.
     explicit StderrLogDestination(LogLevel minimumLevel = LogLevel::verbose) noexcept;
@@ -36,7 +38,7 @@ private:
 };
 
 // Keeps every message in memory; meant for tests and for hosts that forward logs elsewhere.
-class CapturingLogDestination final : public LogDestination {
+class NOTIFICATIONDB_API CapturingLogDestination final : public LogDestination {
 public:
     struct Entry {
         std::string loggerPath;
@@ -58,7 +60,7 @@ private:
 
 // A named logger in a tree rooted at `Logger::module()`. A message goes to the logger's own
 // destinations and, when it inherits, to everything its parent would deliver to.
-class Logger : public std::enable_shared_from_this<Logger> {
+class NOTIFICATIONDB_API Logger : public std::enable_shared_from_this<Logger> {
 public:
     using Destinations = std::vector<std::shared_ptr<LogDestination>>;
 

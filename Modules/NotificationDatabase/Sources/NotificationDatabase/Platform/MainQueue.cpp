@@ -2,6 +2,7 @@
 
 #include "NotificationDatabase/Platform/LogSanitizer.hpp"
 #include "NotificationDatabase/Platform/Logger.hpp"
+#include "NotificationDatabase/Platform/ProcessWide.hpp"
 
 #include <algorithm>
 #include <exception>
@@ -39,9 +40,8 @@ void runJob(const MainQueue::Job& job) noexcept {
 }  // namespace
 
 MainQueue& MainQueue::main() {
-    // Never destroyed: threads that outlive `main()` may still schedule work during exit.
-    static auto* const queue = new MainQueue();
-    return *queue;
+    // Threads that outlive `main()` may still schedule work during exit.
+    return detail::neverDestroyed([] { return MainQueue(); });
 }
 
 void MainQueue::asyncAfter(Clock::duration delay, Job job) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <NotificationDatabase/Export.hpp>
+
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -14,7 +16,7 @@ namespace notificationdb {
 // Jobs run not before their deadline; jobs with equal deadlines run in scheduling order.
 // Scheduling is safe from any thread. A host with its own event loop installs a scheduler
 // instead of driving the queue.
-class MainQueue {
+class NOTIFICATIONDB_API MainQueue {
 public:
     using Clock = std::chrono::steady_clock;
     using Job = std::function<void()>;

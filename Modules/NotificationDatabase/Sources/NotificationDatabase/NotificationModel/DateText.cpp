@@ -1,4 +1,4 @@
-#include "NotificationDatabase/Database/DateText.hpp"
+#include "NotificationDatabase/NotificationModel/DateText.hpp"
 
 #include <cmath>
 #include <cstdint>
@@ -26,34 +26,18 @@ bool readDigits(std::string_view text, std::size_t position, std::size_t count, 
     return true;
 }
 
-std::optional<Timestamp> fromMilliseconds(std::int64_t value) {
-    if (value < kEarliestMilliseconds || value >= kLatestMilliseconds) return std::nullopt;
-    // With nanosecond ticks in 64 bits the time point holds only years 1677...2262; converting
-    // a value beyond that would overflow.
-    if (value < std::chrono::ceil<milliseconds>(Timestamp::min().time_since_epoch()).count() ||
-        value > std::chrono::floor<milliseconds>(Timestamp::max().time_since_epoch()).count()) {
-        return std::nullopt;
-    }
-    return Timestamp(std::chrono::duration_cast<Timestamp::duration>(milliseconds(value)));
-}
-
 }  // namespace
 
 std::optional<std::string> formatDateText(Timestamp instant) {
+    const std::int64_t total = instant.time_since_epoch().count();
+    if (total < kEarliestMilliseconds || total >= kLatestMilliseconds) return std::nullopt;
+    const auto sinceEpoch = milliseconds(total);
     // floor, not truncation toward zero: an instant before 1970 must not round up.
-    const auto totalMilliseconds = std::chrono::floor<milliseconds>(instant.time_since_epoch()).count();
-    if (totalMilliseconds < kEarliestMilliseconds || totalMilliseconds >= kLatestMilliseconds) return std::nullopt;
-    // The earliest instants floor to a millisecond that a time point cannot hold: such text
-    // could never be read back, so it is not written.
-    if (totalMilliseconds < std::chrono::ceil<milliseconds>(Timestamp::min().time_since_epoch()).count()) {
-        return std::nullopt;
-    }
-    const auto sinceEpoch = milliseconds(totalMilliseconds);
     const auto day = std::chrono::floor<days>(sinceEpoch);
     const std::chrono::year_month_day date{std::chrono::sys_days(day)};
     const std::chrono::hh_mm_ss time{sinceEpoch - day};
 
-    char buffer[24];
+    char buffer[23];
     const auto put = [&buffer](std::size_t position, unsigned value, std::size_t width) {
         for (std::size_t i = 0; i < width; ++i) {
             buffer[position + width - 1 - i] = static_cast<char>('0' + value % 10);
@@ -73,15 +57,18 @@ std::optional<std::string> formatDateText(Timestamp instant) {
     put(17, static_cast<unsigned>(time.seconds().count()), 2);
     buffer[19] = '.';
     put(20, static_cast<unsigned>(time.subseconds().count()), 3);
-    return std::string(buffer, 23);
+    return std::string(buffer, sizeof buffer);
 }
 
 std::optional<Timestamp> parseDateText(std::string_view text) {
+    // The date, then optionally a separator and HH:MM, then optionally :SS, then optionally
+    // exactly three fraction digits: lengths 10, 16, 19 and 23 are the only forms.
+    if (text.size() != 10 && text.size() != 16 && text.size() != 19 && text.size() != 23) return std::nullopt;
     int year = 0;
     int month = 0;
     int day = 0;
-    if (!readDigits(text, 0, 4, year) || text.size() < 10 || text[4] != '-' || !readDigits(text, 5, 2, month) ||
-        text[7] != '-' || !readDigits(text, 8, 2, day)) {
+    if (!readDigits(text, 0, 4, year) || text[4] != '-' || !readDigits(text, 5, 2, month) || text[7] != '-' ||
+        !readDigits(text, 8, 2, day)) {
         return std::nullopt;
     }
     const std::chrono::year_month_day date{std::chrono::year(year), std::chrono::month(static_cast<unsigned>(month)),
@@ -91,33 +78,18 @@ std::optional<Timestamp> parseDateText(std::string_view text) {
     int hour = 0;
     int minute = 0;
     int second = 0;
-    std::int64_t millisecond = 0;
-    if (text.size() > 10) {
-        if ((text[10] != ' ' && text[10] != 'T') || !readDigits(text, 11, 2, hour) || text.size() < 16 ||
-            text[13] != ':' || !readDigits(text, 14, 2, minute)) {
-            return std::nullopt;
-        }
-        if (text.size() > 16) {
-            if (text[16] != ':' || !readDigits(text, 17, 2, second)) return std::nullopt;
-            if (text.size() > 19) {
-                if (text[19] != '.') return std::nullopt;
-                const std::size_t fractionDigits = text.size() - 20;
-                if (fractionDigits < 1 || fractionDigits > 9) return std::nullopt;
-                int digit = 0;
-                for (std::size_t i = 0; i < fractionDigits; ++i) {
-                    if (!readDigits(text, 20 + i, 1, digit)) return std::nullopt;
-                    if (i < 3) millisecond = millisecond * 10 + digit;
-                }
-                for (std::size_t i = fractionDigits; i < 3; ++i) millisecond *= 10;
-            }
-        }
+    int millisecond = 0;
+    if (text.size() >= 16 && ((text[10] != ' ' && text[10] != 'T') || !readDigits(text, 11, 2, hour) ||
+                              text[13] != ':' || !readDigits(text, 14, 2, minute))) {
+        return std::nullopt;
     }
+    if (text.size() >= 19 && (text[16] != ':' || !readDigits(text, 17, 2, second))) return std::nullopt;
+    if (text.size() == 23 && (text[19] != '.' || !readDigits(text, 20, 3, millisecond))) return std::nullopt;
     if (hour > 23 || minute > 59 || second > 59) return std::nullopt;
 
-    const std::int64_t dayCount = std::chrono::sys_days(date).time_since_epoch().count();
-    const std::int64_t total =
-        ((dayCount * 24 + hour) * 60 + minute) * 60000 + std::int64_t{second} * 1000 + millisecond;
-    return fromMilliseconds(total);
+    const auto instant = std::chrono::sys_days(date) + std::chrono::hours(hour) + std::chrono::minutes(minute) +
+                         std::chrono::seconds(second) + milliseconds(millisecond);
+    return Timestamp(instant);
 }
 
 std::optional<Timestamp> dateFromSecondsSince1970(double seconds) {
@@ -126,7 +98,7 @@ std::optional<Timestamp> dateFromSecondsSince1970(double seconds) {
     if (value < static_cast<double>(kEarliestMilliseconds) || value >= static_cast<double>(kLatestMilliseconds)) {
         return std::nullopt;
     }
-    return fromMilliseconds(static_cast<std::int64_t>(value));
+    return Timestamp(Timestamp::time_point(milliseconds(static_cast<std::int64_t>(value))));
 }
 
 }  // namespace notificationdb

@@ -1,7 +1,7 @@
 #pragma once
 
-#include <NotificationDatabase/Database/DatabaseError.hpp>
-#include <NotificationDatabase/Database/DateText.hpp>
+#include <NotificationDatabase/DatabaseError.hpp>
+#include <NotificationDatabase/NotificationModel/DateText.hpp>
 
 #include <array>
 #include <concepts>

@@ -1,4 +1,6 @@
-#include "NotificationDatabase/Database/DatabaseError.hpp"
+#include "NotificationDatabase/DatabaseError.hpp"
+
+#include "NotificationDatabase/Database/Statement.hpp"
 
 #include <sqlite3.h>
 
@@ -136,7 +138,7 @@ DatabaseError::DatabaseError(int resultCode, int extendedResultCode, std::string
                   describe(resultCode, extendedResultCode, message, sql)),
       sql_(std::move(sql)) {}
 
-DatabaseError DatabaseError::fromConnection(sqlite3* connection, int resultCode, std::string_view sql) {
+DatabaseError databaseError(sqlite3* connection, int resultCode, std::string_view sql) {
     int extended = resultCode;
     std::string message;
     if (connection != nullptr) {

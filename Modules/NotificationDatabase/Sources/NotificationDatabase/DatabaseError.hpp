@@ -1,23 +1,19 @@
 #pragma once
 
+#include <NotificationDatabase/Export.hpp>
 #include <NotificationDatabase/Platform/EngineError.hpp>
 
 #include <stdexcept>
 #include <string>
 #include <string_view>
 
-struct sqlite3;
-
 namespace notificationdb {
 
 // A failure reported by SQLite: its result code, extended result code, message and the SQL of
 // the statement (with `?` placeholders; bound values never appear).
-class DatabaseError : public EngineError {
+class NOTIFICATIONDB_API DatabaseError : public EngineError {
 public:
     DatabaseError(int resultCode, int extendedResultCode, std::string message, std::string sql);
-
-    // The error that `connection` reports for the failed call that returned `resultCode`.
-    static DatabaseError fromConnection(sqlite3* connection, int resultCode, std::string_view sql);
 
     const std::string& message() const noexcept { return engineMessage(); }
     const std::string& sql() const noexcept { return sql_; }
@@ -31,7 +27,7 @@ private:
 
 // A row could not be read into a record: a required column is missing or NULL, or a value has
 // a type or content that the field cannot take. The text names the column, never its value.
-class RecordDecodingError : public std::runtime_error {
+class NOTIFICATIONDB_API RecordDecodingError : public std::runtime_error {
 public:
     RecordDecodingError(std::string_view table, std::string_view column, std::string_view reason);
 
