@@ -191,7 +191,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const auto offset = static_cast<std::int64_t>(static_cast<std::uint64_t>(integer) % span);
         checkRoundTrip(Timestamp(Timestamp::time_point(milliseconds(kEarliestMilliseconds + offset))),
                        "milliseconds " + std::to_string(kEarliestMilliseconds + offset));
-        const auto outside = integer < 0 ? kEarliestMilliseconds - 1 - (integer & 0xffff) : kLatestMilliseconds + (integer & 0xffff);
+        const auto outside =
+            integer < 0 ? kEarliestMilliseconds - 1 - (integer & 0xffff) : kLatestMilliseconds + (integer & 0xffff);
         FUZZ_CHECK(!notificationdb::formatDateText(Timestamp(Timestamp::time_point(milliseconds(outside)))),
                    "an instant outside years 0000...9999 was written");
         // A system clock reading converts to its millisecond, floored toward the past.

@@ -1,0 +1,207 @@
+#pragma once
+
+// What the tests share: scratch directories, log capture, counted notices, a plain sqlite3
+// connection as another program would open the file, and child processes. Free of GoogleTest,
+// so that the child programs can use it too.
+
+#include <NotificationDatabase/NotificationDatabase.hpp>
+#include <NotificationDatabase/Platform/Logger.hpp>
+#include <NotificationDatabase/Platform/MainQueue.hpp>
+
+#include <sqlite3.h>
+
+#include <atomic>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace notificationdb::testing {
+
+// A fresh directory below the system's temporary directory, removed with its contents.
+class TemporaryDirectory {
+public:
+    TemporaryDirectory() {
+        std::string pattern = (std::filesystem::temp_directory_path() / "ndb-test-XXXXXX").string();
+        if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("cannot create a temporary directory");
+        path_ = pattern;
+    }
+    ~TemporaryDirectory() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    TemporaryDirectory(const TemporaryDirectory&) = delete;
+    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+
+    std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
+    const std::filesystem::path& path() const { return path_; }
+
+private:
+    std::filesystem::path path_;
+};
+
+// Sends everything logged through `Logger::module()` to memory while it lives.
+class LogCapture {
+public:
+    LogCapture() : previous_(Logger::module()->destinations()) { Logger::module()->setDestinations({sink_}); }
+    ~LogCapture() { Logger::module()->setDestinations(previous_); }
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+
+    // The entries so far, and then none.
+    std::vector<CapturingLogDestination::Entry> take() {
+        auto entries = sink_->entries();
+        sink_->clear();
+        return entries;
+    }
+
+private:
+    std::shared_ptr<CapturingLogDestination> sink_ = std::make_shared<CapturingLogDestination>();
+    Logger::Destinations previous_;
+};
+
+// Takes the jobs scheduled on `MainQueue::main()` while it lives and keeps their deadlines,
+// without running them: the change notices that stores schedule are counted, not posted.
+class ScheduledNotices {
+public:
+    ScheduledNotices() {
+        MainQueue::main().setScheduler([this](MainQueue::Clock::time_point deadline, const MainQueue::Job&) {
+            std::lock_guard lock(mutex_);
+            deadlines_.push_back(deadline);
+        });
+    }
+    ~ScheduledNotices() { MainQueue::main().setScheduler({}); }
+    ScheduledNotices(const ScheduledNotices&) = delete;
+    ScheduledNotices& operator=(const ScheduledNotices&) = delete;
+
+    // The deadlines scheduled so far, and then none.
+    std::vector<MainQueue::Clock::time_point> take() {
+        std::lock_guard lock(mutex_);
+        return std::exchange(deadlines_, {});
+    }
+
+private:
+    std::mutex mutex_;
+    std::vector<MainQueue::Clock::time_point> deadlines_;
+};
+
+// A plain sqlite3 connection, as another program on the machine would open the file.
+class RawDatabase {
+public:
+    explicit RawDatabase(const std::filesystem::path& path) {
+        if (sqlite3_open(path.c_str(), &db_) != SQLITE_OK) throw std::runtime_error(sqlite3_errmsg(db_));
+        sqlite3_busy_timeout(db_, 5000);
+    }
+    ~RawDatabase() { sqlite3_close_v2(db_); }
+    RawDatabase(const RawDatabase&) = delete;
+    RawDatabase& operator=(const RawDatabase&) = delete;
+
+    // Runs `sql` and renders every row, one text per column: "NULL", x'..' for bytes, else the
+    // value as SQLite gives it as text.
+    std::vector<std::vector<std::string>> query(const std::string& sql) const {
+        sqlite3_stmt* statement = nullptr;
+        if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) fail(sql);
+        std::vector<std::vector<std::string>> rows;
+        int rc = SQLITE_OK;
+        while ((rc = sqlite3_step(statement)) == SQLITE_ROW) {
+            auto& row = rows.emplace_back();
+            for (int i = 0; i < sqlite3_column_count(statement); ++i) {
+                const auto size = static_cast<std::size_t>(sqlite3_column_bytes(statement, i));
+                if (sqlite3_column_type(statement, i) == SQLITE_NULL) {
+                    row.emplace_back("NULL");
+                } else if (sqlite3_column_type(statement, i) == SQLITE_BLOB) {
+                    const auto* bytes = static_cast<const unsigned char*>(sqlite3_column_blob(statement, i));
+                    std::string text = "x'";
+                    for (std::size_t b = 0; b < size; ++b)
+                        text += {"0123456789ABCDEF"[bytes[b] >> 4], "0123456789ABCDEF"[bytes[b] & 15]};
+                    row.push_back(text + "'");
+                } else {
+                    row.emplace_back(reinterpret_cast<const char*>(sqlite3_column_text(statement, i)), size);
+                }
+            }
+        }
+        sqlite3_finalize(statement);
+        if (rc != SQLITE_DONE) fail(sql);
+        return rows;
+    }
+    void execute(const std::string& sql) const { (void)query(sql); }
+
+private:
+    [[noreturn]] void fail(const std::string& sql) const {
+        throw std::runtime_error(std::string(sqlite3_errmsg(db_)) + " in: " + sql);
+    }
+    sqlite3* db_ = nullptr;
+};
+
+// A child process with its standard output on a pipe; killed when it goes unless waited for.
+class ChildProcess {
+public:
+    ChildProcess(const std::string& program, std::vector<std::string> arguments) {
+        int fds[2];
+        if (::pipe(fds) != 0 || (pid_ = ::fork()) < 0) throw std::runtime_error("cannot start " + program);
+        if (pid_ == 0) {
+            ::dup2(fds[1], STDOUT_FILENO);
+            ::close(fds[0]);
+            ::close(fds[1]);
+            std::vector<char*> argv{const_cast<char*>(program.c_str())};
+            for (auto& argument : arguments) argv.push_back(argument.data());
+            argv.push_back(nullptr);
+            ::execv(program.c_str(), argv.data());
+            ::_exit(127);
+        }
+        ::close(fds[1]);
+        output_ = ::fdopen(fds[0], "r");
+    }
+    ~ChildProcess() {
+        if (!reaped_) ::kill(pid_, SIGKILL), ::waitpid(pid_, nullptr, 0);
+        ::fclose(output_);
+    }
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    // The next line of output without its line feed; nullopt at the end.
+    std::optional<std::string> readLine() {
+        char* line = nullptr;
+        std::size_t capacity = 0;
+        const ssize_t length = ::getline(&line, &capacity, output_);
+        std::optional<std::string> text;
+        if (length > 0) text.emplace(line, static_cast<std::size_t>(line[length - 1] == '\n' ? length - 1 : length));
+        std::free(line);
+        return text;
+    }
+    void kill() const { ::kill(pid_, SIGKILL); }
+    // The exit status, 128 + the signal for a killed child.
+    int wait() {
+        int status = 0;
+        ::waitpid(pid_, &status, 0);
+        reaped_ = true;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+
+private:
+    pid_t pid_ = -1;
+    bool reaped_ = false;
+    FILE* output_ = nullptr;
+};
+
+// The seed of a randomized test: $NDB_TEST_SEED when set, else a fresh one.
+inline std::uint64_t testSeed() {
+    if (const char* seed = std::getenv("NDB_TEST_SEED"); seed != nullptr && *seed != '\0') return std::stoull(seed);
+    return std::random_device{}();
+}
+
+// A whole number from the environment, or `fallback`.
+inline long environmentNumber(const char* name, long fallback) {
+    const char* value = std::getenv(name);
+    return value != nullptr && *value != '\0' ? std::stol(value) : fallback;
+}
+
+}  // namespace notificationdb::testing
