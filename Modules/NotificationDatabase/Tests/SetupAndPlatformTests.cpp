@@ -1,0 +1,125 @@
+// Where the database lives and what a new one holds, and the platform services beneath the
+// store: the main queue and the session-bus notice without a bus.
+
+#include "Testing.hpp"
+
+#include <NotificationDatabase/Platform/DistributedNotificationCenter.hpp>
+#include <NotificationDatabase/Version.hpp>
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+namespace notificationdb {
+namespace {
+
+using namespace std::chrono_literals;
+using Rows = std::vector<std::vector<std::string>>;
+
+// The user's data directory follows XDG_DATA_HOME when it is absolute, else HOME; the ready-made
+// configurations name one file below it, build its folder on first use (not the file), and a
+// store there gets exactly these tables in WAL mode. A file holding one table gets the other.
+TEST(Setup, TheReadyMadeConfigurationsAndTheSchemaOfANewFile) {
+    testing::TemporaryDirectory home;
+    ::setenv("HOME", home.path().c_str(), 1);
+    for (const char* ignored : {"", "relative/data"}) {
+        ::setenv("XDG_DATA_HOME", ignored, 1);
+        EXPECT_EQ(NotificationDatabaseConfig::createDatabaseURl("x.sqlite"),
+                  home / ".local/share/Vantro/Default/Databases/x.sqlite");
+    }
+    ::setenv("XDG_DATA_HOME", (home / "data").c_str(), 1);
+    const auto folder = home / "data/Vantro/Default/Databases";
+    // The name is appended as it is, even when it looks like a path of its own.
+    EXPECT_EQ(NotificationDatabaseConfig::createDatabaseURl("/abs/evil.sqlite").string(),
+              folder.string() + "//abs/evil.sqlite");
+    EXPECT_FALSE(std::filesystem::exists(home / "data")) << "naming a file made a directory";
+
+    testing::LogCapture log;
+    const auto& writer = NotificationDatabaseConfig::default_();
+    const auto& reader = NotificationDatabaseConfig::readOnly();
+    EXPECT_EQ(writer.storageURL(), folder / "NotificationDatabase.sqlite");
+    EXPECT_EQ(reader.storageURL(), writer.storageURL());
+    EXPECT_TRUE(std::filesystem::is_directory(folder));
+    EXPECT_FALSE(std::filesystem::exists(writer.storageURL()));
+    for (const auto& [config, readOnly] : {std::pair{&writer, false}, std::pair{&reader, true}}) {
+        EXPECT_EQ(config->configuration().readOnly, readOnly);
+        EXPECT_EQ(config->configuration().persistentReadOnlyConnections, readOnly);
+        EXPECT_EQ(config->configuration().busyMode.kind(), BusyMode::Kind::timeout);
+        EXPECT_EQ(config->configuration().busyMode.seconds(), 2.0);
+    }
+    testing::ScheduledNotices notices;
+    auto store = NotificationDatabaseImpl::create(writer);
+    const testing::RawDatabase raw(writer.storageURL());
+    EXPECT_EQ(raw.query("PRAGMA journal_mode"), Rows{{"wal"}});
+    EXPECT_EQ(
+        raw.query("SELECT type, name, sql FROM sqlite_master WHERE name NOT LIKE 'sqlite%' ORDER BY name"),
+        (Rows{{"table", "notification",
+               R"(CREATE TABLE "notification" ("id" INTEGER PRIMARY KEY AUTOINCREMENT, "customerId" TEXT, )"
+               R"("createdDate" DATETIME NOT NULL, "version" TEXT NOT NULL, "analyticsTag" TEXT NOT NULL, )"
+               R"("title" TEXT, "body" TEXT, "bannerUrl" TEXT, "isMarketing" BOOLEAN NOT NULL, )"
+               R"("appId" INTEGER, "status" INTEGER NOT NULL, "notificationKind" INTEGER NOT NULL))"},
+              {"table", "notificationButton",
+               R"(CREATE TABLE "notificationButton" ("id" INTEGER PRIMARY KEY AUTOINCREMENT, "buttonId" TEXT, )"
+               R"("title" TEXT, "visible" BOOLEAN NOT NULL, "notificationId" INTEGER REFERENCES )"
+               R"("notification"("id") ON DELETE CASCADE, "actionKind" INTEGER, "userAction" BLOB))"},
+              {"index", "notificationButton_on_notificationId",
+               R"(CREATE INDEX "notificationButton_on_notificationId" ON "notificationButton"("notificationId"))"}}));
+    EXPECT_TRUE(notices.take().empty()) << "creating the tables posted";
+
+    const auto partial = home / "partial.sqlite";
+    testing::RawDatabase(partial).execute("CREATE TABLE Notification (id INTEGER PRIMARY KEY, odd TEXT)");
+    NotificationDatabaseImpl::create(NotificationDatabaseConfig(partial, Configuration{}));
+    EXPECT_EQ(testing::RawDatabase(partial).query("SELECT name FROM sqlite_master WHERE type != 'index' ORDER BY name"),
+              (Rows{{"Notification"}, {"notificationButton"}, {"sqlite_sequence"}}));
+    EXPECT_TRUE(log.take().empty());
+    EXPECT_STREQ(reinterpret_cast<const char*>(NotificationDatabaseVersionString),
+                 "@(#)PROGRAM:NotificationDatabase  PROJECT:Modules-159\n");
+    EXPECT_EQ(NotificationDatabaseVersionNumber, 159.0);
+}
+
+// Jobs run in deadline order, then in the order they were scheduled; `runFor` leaves what falls
+// due later, `stop` ends a drive, a throwing job is logged and the queue goes on, and an
+// installed scheduler takes the jobs scheduled after it.
+TEST(Platform, MainQueueRunsJobsInDeadlineOrder) {
+    testing::LogCapture log;
+    MainQueue queue;
+    std::string order;
+    for (const auto& [name, delay] : std::vector<std::pair<char, MainQueue::Clock::duration>>{
+             {'c', 30ms}, {'a', 0ms}, {'b', 0ms}, {'z', -1s}, {'d', 10min}}) {
+        queue.asyncAfter(delay, [&order, name] { order += name; });
+    }
+    queue.asyncAfter(40ms, [] { throw std::runtime_error("broken job"); });
+    EXPECT_EQ(queue.runFor(200ms), 5U);
+    EXPECT_EQ(order, "abzc");
+    EXPECT_EQ(queue.pendingCount(), 1U);
+    queue.asyncAfter(0ms, [&queue] { queue.stop(); });
+    EXPECT_EQ(queue.runUntilIdle(), 1U);
+    EXPECT_EQ(queue.pendingCount(), 1U) << "stop did not end the drive";
+    const auto logged = log.take();
+    ASSERT_EQ(logged.size(), 1U);
+    EXPECT_EQ(logged[0].message, "Main queue job failed: broken job");
+    int routed = 0;
+    queue.setScheduler([&routed](auto, auto) { ++routed; });
+    queue.asyncAfter(0ms, [] {});
+    EXPECT_EQ(routed, 1);
+    EXPECT_EQ(queue.pendingCount(), 1U);
+}
+
+// Without a session bus, or with a name D-Bus cannot carry, a post is dropped and logged once,
+// and an observer is refused and logged.
+TEST(Platform, NoticesWithoutABusAreLoggedAndDropped) {
+    testing::LogCapture log;
+    ::setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
+    auto center = makeDBusNotificationCenter();
+    for (int i = 0; i < 3; ++i) center->post("ndbNoBus");
+    EXPECT_EQ(center->addObserver("has-dash", [](const auto&) {}), nullptr);
+    EXPECT_EQ(center->addObserver("ndbNoBus", [](const auto&) {}), nullptr);
+    std::vector<std::string> messages;
+    for (const auto& entry : log.take()) messages.push_back(entry.message.substr(0, entry.message.find(": ")));
+    EXPECT_EQ(messages, (std::vector<std::string>{"Unable to post distributed notification ndbNoBus",
+                                                  "Unable to observe distributed notification has-dash",
+                                                  "Unable to observe distributed notification ndbNoBus"}));
+}
+
+}  // namespace
+}  // namespace notificationdb
