@@ -28,7 +28,7 @@ CachedStatement::~CachedStatement() {
 
 namespace {
 
-constexpr auto kBusyRetryInterval = std::chrono::milliseconds(1);
+constexpr auto kBusyRetryInterval = std::chrono::milliseconds(5);
 
 int busyHandlerTrampoline(void* context, int numberOfTries) {
     auto* callback = static_cast<std::function<bool(int)>*>(context);
@@ -39,9 +39,10 @@ int busyHandlerTrampoline(void* context, int numberOfTries) {
     }
 }
 
-// Retries every millisecond until `seconds` have passed since the lock was first met.
-// SQLite's own time-out sleeps in growing steps of up to 100 ms, so among several busy writers a
-// waiter keeps missing the short gaps between the others' transactions and runs out of time.
+// Retries every 5 ms until `seconds` have passed since the lock was first met. SQLite's own
+// time-out sleeps in growing steps of up to 100 ms, so among several busy writers a waiter keeps
+// missing the short gaps between the others' transactions and runs out of time. Much shorter
+// steps are worse again: a dozen processes polling every millisecond crowd the lock they wait for.
 BusyMode::Callback retryUntil(double seconds) {
     const auto limit = std::chrono::duration_cast<std::chrono::steady_clock::duration>(
         std::chrono::duration<double>(std::max(seconds, 0.0)));
