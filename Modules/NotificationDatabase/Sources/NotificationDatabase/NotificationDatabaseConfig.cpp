@@ -56,6 +56,8 @@ void NotificationDatabaseConfig::initDatabaseFolderIfNeeded() const {
     const auto fileManager = FileManager::defaultManager();
     if (fileManager->fileExists(storageURL_)) return;
     const std::filesystem::path directory = storageURL_.parent_path();
+    // A bare file name lies in the current directory, which exists.
+    if (directory.empty()) return;
     if (const std::error_code error = fileManager->createDirectory(directory, true)) {
         const std::filesystem::filesystem_error failure("cannot create directory", directory, error);
         logger()->log(LogLevel::error, "Unable to create database directory: " + LogSanitizer::sanitizeError(failure));
