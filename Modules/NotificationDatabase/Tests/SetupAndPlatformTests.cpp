@@ -121,5 +121,40 @@ TEST(Platform, NoticesWithoutABusAreLoggedAndDropped) {
                                                   "Unable to observe distributed notification ndbNoBus"}));
 }
 
+// A process about to exit posts the notices its stores scheduled at once, and their jobs then
+// post nothing; a job that comes due before an earlier one posts the earlier notice first.
+TEST(Platform, PendingNoticesPostedAtOnceAreNotPostedAgain) {
+    struct CountingCenter final : DistributedNotificationCenter {
+        void post(const std::string& /*name*/) override { ++posts; }
+        std::unique_ptr<ObserverToken> addObserver(const std::string&, Handler) override { return nullptr; }
+        int posts = 0;
+    };
+    auto center = std::make_shared<CountingCenter>();
+    DistributedNotificationCenter::setDefaultCenter(center);
+    std::vector<MainQueue::Job> jobs;
+    MainQueue::main().setScheduler([&jobs](auto, MainQueue::Job job) { jobs.push_back(std::move(job)); });
+    testing::TemporaryDirectory directory;
+    const NotificationDatabaseConfig config(directory / "notices.sqlite", Configuration{});
+    auto first = NotificationDatabaseImpl::create(config);
+    auto second = NotificationDatabaseImpl::create(config);
+    const NotificationModelInfo info(NotificationModel(std::nullopt, "c", Timestamp{}, "1", "t", std::nullopt,
+                                                       std::nullopt, std::nullopt, false, std::nullopt,
+                                                       NotificationStatus::new_, NotificationKind::default_));
+    first->save(info);
+    second->save(info);
+    NotificationDatabaseImpl::postPendingNotices();
+    EXPECT_EQ(center->posts, 2);
+    first->save(info);
+    second->save(info);
+    ASSERT_EQ(jobs.size(), 4U);
+    jobs[3]();
+    EXPECT_EQ(center->posts, 4);
+    for (const auto& job : jobs) job();
+    NotificationDatabaseImpl::postPendingNotices();
+    EXPECT_EQ(center->posts, 4);
+    MainQueue::main().setScheduler({});
+    DistributedNotificationCenter::setDefaultCenter(nullptr);
+}
+
 }  // namespace
 }  // namespace notificationdb

@@ -10,7 +10,11 @@
 
 #include <array>
 #include <chrono>
+#include <cstdint>
 #include <initializer_list>
+#include <limits>
+#include <mutex>
+#include <set>
 #include <string>
 #include <utility>
 
@@ -75,6 +79,46 @@ void deleteNamed(Connection& connection, const Infos& infos) {
     });
 }
 
+// The change notices of this process that are scheduled and not yet posted, numbered in commit
+// order. A notice goes out when its job comes due or when `postPendingNotices()` runs, whichever
+// is first, and only then.
+class NoticeLedger {
+public:
+    static NoticeLedger& shared() {
+        // Never destroyed: a job may come due during static destruction.
+        static auto* const ledger = new NoticeLedger();
+        return *ledger;
+    }
+
+    // Called after each committed change; returns the notice's number.
+    std::uint64_t add() {
+        std::lock_guard lock(mutex_);
+        pending_.insert(++last_);
+        return last_;
+    }
+    // For a notice whose job could not be scheduled.
+    void remove(std::uint64_t number) {
+        std::lock_guard lock(mutex_);
+        pending_.erase(number);
+    }
+    // Posts every pending notice up to `number`, so that notices keep commit order even when
+    // their jobs run out of order.
+    void postThrough(std::uint64_t number) {
+        // Held while posting, so that a caller returns only once its notices are out.
+        std::lock_guard lock(mutex_);
+        while (!pending_.empty() && *pending_.begin() <= number) {
+            pending_.erase(pending_.begin());
+            DistributedNotificationCenter::defaultCenter()->post(databaseUpdated());
+        }
+    }
+    void postAll() { postThrough(std::numeric_limits<std::uint64_t>::max()); }
+
+private:
+    std::mutex mutex_;
+    std::set<std::uint64_t> pending_;
+    std::uint64_t last_ = 0;
+};
+
 std::vector<NotificationModelInfo> readJoined(Statement& statement) {
     std::vector<NotificationModelInfo> result;
     while (statement.step()) result.emplace_back(statement.row());
@@ -123,6 +167,10 @@ NotificationDatabaseImpl::NotificationDatabaseImpl(const NotificationDatabaseCon
     configurator_->configure(*database_);
 }
 
+void NotificationDatabaseImpl::postPendingNotices() {
+    NoticeLedger::shared().postAll();
+}
+
 NotificationDatabaseImpl::~NotificationDatabaseImpl() {
     // Stop observing before the pool goes.
     databaseCancellable_.reset();
@@ -134,8 +182,14 @@ void NotificationDatabaseImpl::setupDatabaseObserver() {
         {std::string(NotificationModel::databaseTableName)},
         // Holds nothing: a post scheduled before the store goes away is still made.
         [] {
-            MainQueue::main().asyncAfter(
-                kNoticeDelay, [] { DistributedNotificationCenter::defaultCenter()->post(databaseUpdated()); });
+            auto& ledger = NoticeLedger::shared();
+            const std::uint64_t notice = ledger.add();
+            try {
+                MainQueue::main().asyncAfter(kNoticeDelay, [notice] { NoticeLedger::shared().postThrough(notice); });
+            } catch (...) {
+                ledger.remove(notice);
+                throw;
+            }
         },
         [weakSelf](const std::exception& error) {
             if (auto self = weakSelf.lock()) self->logFailure("Database observation error: ", error);

@@ -30,6 +30,11 @@ public:
     // `DatabaseError` when the file cannot be opened or set up; nothing is logged then.
     static std::shared_ptr<NotificationDatabaseImpl> create(const NotificationDatabaseConfig& config);
 
+    // Posts at once, in commit order, every change notice that stores of this process have
+    // scheduled and not yet posted; their scheduled jobs then post nothing. For a process about
+    // to exit before its main queue runs them. Safe from any thread.
+    static void postPendingNotices();
+
     ~NotificationDatabaseImpl() override;
     NotificationDatabaseImpl(const NotificationDatabaseImpl&) = delete;
     NotificationDatabaseImpl& operator=(const NotificationDatabaseImpl&) = delete;
