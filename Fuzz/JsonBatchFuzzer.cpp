@@ -11,6 +11,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <exception>
@@ -30,6 +31,26 @@ std::int64_t caseCount(std::string_view field) {
     if (field == "notificationKind") return 5;
     if (field == "actionKind") return 7;
     return 0;
+}
+
+// Whether `text` is RFC 3339 with a zone for `date`: its wall-clock second, read as UTC, less
+// the zone's offset, is the second that holds `date`.
+bool isZonedForm(const std::string& text, Timestamp date) {
+    if (text.size() < 20) return false;
+    std::string wallClock = text.substr(0, 19);
+    wallClock[10] = 'T';
+    const auto second = parseDateText(wallClock);
+    const auto zoneStart = text.find_first_of("Zz+-", 19);
+    if (!second || zoneStart == std::string::npos) return false;
+    const std::string zone = text.substr(zoneStart);
+    std::chrono::minutes offset{0};
+    if (zone != "Z" && zone != "z") {
+        if (zone.size() != 6) return false;
+        offset = std::chrono::minutes(std::stoi(zone.substr(1, 2)) * 60 + std::stoi(zone.substr(4, 2)));
+        if (zone[0] == '-') offset = -offset;
+    }
+    const auto sinceSecond = date - (*second - offset);
+    return sinceSecond >= std::chrono::milliseconds(0) && sinceSecond < std::chrono::seconds(1);
 }
 
 template <class Record>
@@ -87,7 +108,9 @@ void checkRecord(const Record& record, const nlohmann::json& object, std::size_t
                 FUZZ_CHECK(text && parseDateText(*text) == std::get<Timestamp>(value),
                            fieldPath<Record>(entry, i) + " cannot be written back");
                 if (found->is_string()) {
-                    FUZZ_CHECK(parseDateText(found->get<std::string>()) == std::get<Timestamp>(value),
+                    const auto text = found->get<std::string>();
+                    FUZZ_CHECK(parseDateText(text) == std::get<Timestamp>(value) ||
+                                   isZonedForm(text, std::get<Timestamp>(value)),
                                fieldPath<Record>(entry, i) + " differs from the JSON");
                 } else {
                     FUZZ_CHECK(found->is_number() &&

@@ -1,5 +1,7 @@
 #include "JsonCoding.hpp"
 
+#include "Enumerations.hpp"
+
 #include <NotificationDatabase/DatabaseError.hpp>
 
 #include <array>
@@ -18,6 +20,7 @@ struct EnumerationCoding {
     std::string_view typeName;
     bool (*isRawValue)(std::int64_t raw);
     std::optional<std::int64_t> (*rawValueOfName)(std::string_view name);
+    std::string (*validValues)();
 };
 
 template <class Enumeration>
@@ -30,6 +33,7 @@ constexpr EnumerationCoding enumerationCoding(std::string_view typeName) {
             if (!value) return std::nullopt;
             return rawValue(*value);
         },
+        validValues<Enumeration>,
     };
 }
 
@@ -124,8 +128,12 @@ FieldValue fieldFromJson(const FieldDescriptor& field, std::string_view path, co
             return value.get<bool>();
         case FieldType::date:
             if (value.is_string()) {
-                if (auto date = parseDateText(value.get<std::string>())) return *date;
-                fail(path, describeValue(value) + " is not a date (\"YYYY-MM-DD HH:MM:SS.SSS\" in UTC or shorter)");
+                const auto text = value.get<std::string>();
+                if (auto date = parseDateText(text)) return *date;
+                if (auto date = parseZonedDate(text)) return *date;
+                fail(path, describeValue(value) +
+                               " is not a date (\"YYYY-MM-DD HH:MM:SS.SSS\" in UTC or shorter, or RFC 3339 with a zone "
+                               "such as \"2026-11-01T12:00:00+02:00\")");
             }
             if (value.is_number()) {
                 if (auto date = dateFromSecondsSince1970(value.get<double>())) return *date;
@@ -140,7 +148,8 @@ FieldValue fieldFromJson(const FieldDescriptor& field, std::string_view path, co
                 auto raw = integerFromJson(path, value);
                 if (coding.isRawValue(raw)) return raw;
             }
-            fail(path, describeValue(value) + " is not a " + std::string(coding.typeName));
+            fail(path, describeValue(value) + " is not a " + std::string(coding.typeName) + " (" +
+                           coding.validValues() + ")");
         }
         case FieldType::bytes:
             if (value.is_string()) {
@@ -185,6 +194,13 @@ Record recordFromJson(const Json& object, std::string_view path) {
     } catch (const RecordDecodingError& error) {
         fail(std::string(path) + "." + error.column(), error.what());
     }
+}
+
+// The two-digit number at `at`, or -1.
+int twoDigits(std::string_view text, std::size_t at) noexcept {
+    const auto digit = [&](std::size_t i) { return text[i] >= '0' && text[i] <= '9' ? text[i] - '0' : -100; };
+    const int value = digit(at) * 10 + digit(at + 1);
+    return value < 0 ? -1 : value;
 }
 
 int base64Value(char character) noexcept {
@@ -265,6 +281,50 @@ std::vector<NotificationModelInfo> parseBatch(std::string_view text) {
         throw JsonInputError(std::string("input is not valid JSON: ") + error.what());
     }
     return batchFromJson(batch);
+}
+
+std::optional<Timestamp> parseZonedDate(std::string_view text) {
+    using namespace std::chrono;
+    // "YYYY-MM-DDTHH:MM:SS" first, then the fraction, then the zone.
+    if (text.size() < 20 || text[4] != '-' || text[7] != '-' ||
+        (text[10] != 'T' && text[10] != 't' && text[10] != ' ') || text[13] != ':' || text[16] != ':') {
+        return std::nullopt;
+    }
+    const int century = twoDigits(text, 0);
+    const int yearOfCentury = twoDigits(text, 2);
+    const int hour = twoDigits(text, 11);
+    const int minute = twoDigits(text, 14);
+    const int second = twoDigits(text, 17);
+    const year_month_day date{year(century * 100 + yearOfCentury), month(static_cast<unsigned>(twoDigits(text, 5))),
+                              day(static_cast<unsigned>(twoDigits(text, 8)))};
+    if (century < 0 || yearOfCentury < 0 || !date.ok() || hour < 0 || hour > 23 || minute < 0 || minute > 59 ||
+        second < 0 || second > 59) {
+        return std::nullopt;
+    }
+    std::size_t at = 19;
+    milliseconds fraction{0};
+    if (text[at] == '.') {
+        // Any number of digits, floored to the millisecond like every other date.
+        const std::size_t first = ++at;
+        for (; at < text.size() && text[at] >= '0' && text[at] <= '9'; ++at) {
+            if (at - first < 3) fraction = fraction * 10 + milliseconds(text[at] - '0');
+        }
+        if (at == first) return std::nullopt;
+        for (std::size_t digits = at - first; digits < 3; ++digits) fraction *= 10;
+    }
+    const std::string_view zone = text.substr(at);
+    minutes offset{0};
+    if (zone != "Z" && zone != "z") {
+        if (zone.size() != 6 || (zone[0] != '+' && zone[0] != '-') || zone[3] != ':') return std::nullopt;
+        const int offsetHours = twoDigits(zone, 1);
+        const int offsetMinutes = twoDigits(zone, 4);
+        if (offsetHours < 0 || offsetHours > 23 || offsetMinutes < 0 || offsetMinutes > 59) return std::nullopt;
+        offset = minutes(offsetHours * 60 + offsetMinutes) * (zone[0] == '-' ? -1 : 1);
+    }
+    const Timestamp instant = sys_days(date) + hours(hour) + minutes(minute) + seconds(second) + fraction - offset;
+    // A zone can move a date across the ends of years 0000...9999, which have no stored form.
+    if (!formatDateText(instant)) return std::nullopt;
+    return instant;
 }
 
 std::string encodeBase64(const Bytes& bytes) {

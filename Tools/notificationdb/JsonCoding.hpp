@@ -10,10 +10,11 @@
 //   integer           JSON integer
 //   text              JSON string
 //   date              on output the 23-character UTC storage text "2024-03-05 17:04:09.250";
-//                     on input every text form the store reads, or a number of seconds since 1970
+//                     on input every text form the store reads, RFC 3339 with a zone
+//                     ("2026-11-01T12:00:00.25+02:00", "...Z"), or a number of seconds since 1970
 //   boolean           true / false
-//   enumeration       on output the raw integer; on input the raw integer or the case name
-//                     ("newApp", "read", "openLink")
+//   enumeration       on output the raw integer; on input the raw integer or the case name in
+//                     any letter case ("newApp", "READ", "openlink")
 //   bytes             base64, standard alphabet with padding
 
 #include <NotificationDatabase/NotificationModel/NotificationModelInfo.hpp>
@@ -56,6 +57,11 @@ std::vector<NotificationModelInfo> batchFromJson(const Json& batch);
 // Parses `text` (at most `maximumInputSize` bytes, nesting at most 64 deep) and decodes the
 // batch; throws `JsonInputError` for text that is not JSON or not a valid batch.
 std::vector<NotificationModelInfo> parseBatch(std::string_view text);
+
+// An RFC 3339 date-time with its zone ("Z" or an offset such as "+02:00") and any number of
+// fraction digits, converted to UTC and floored to the millisecond; nullopt for any other text
+// and for instants outside years 0000...9999.
+std::optional<Timestamp> parseZonedDate(std::string_view text);
 
 // Base64 with the standard alphabet and padding.
 std::string encodeBase64(const Bytes& bytes);
