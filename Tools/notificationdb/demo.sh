@@ -86,7 +86,7 @@ step "a watcher in another process listens for databaseUpdatedNotification"
 "$TOOL" watch --count "$EXPECTED_NOTICES" --timeout 20 >"$WORK/watch.out" 2>"$WORK/watch.err" &
 WATCHER_PID=$!
 for _ in $(seq 100); do
-    grep -q '^watching' "$WORK/watch.err" 2>/dev/null && break
+    grep -q 'watching' "$WORK/watch.err" 2>/dev/null && break
     kill -0 "$WATCHER_PID" 2>/dev/null || break
     sleep 0.05
 done
