@@ -7,6 +7,7 @@
 #include "NotificationDatabase/Platform/DistributedNotificationCenter.hpp"
 #include "NotificationDatabase/Platform/LogSanitizer.hpp"
 #include "NotificationDatabase/Platform/MainQueue.hpp"
+#include "NotificationDatabase/Platform/ProcessWide.hpp"
 
 #include <array>
 #include <chrono>
@@ -84,10 +85,9 @@ void deleteNamed(Connection& connection, const Infos& infos) {
 // is first, and only then.
 class NoticeLedger {
 public:
+    // One for the process; a job may come due during static destruction.
     static NoticeLedger& shared() {
-        // Never destroyed: a job may come due during static destruction.
-        static auto* const ledger = new NoticeLedger();
-        return *ledger;
+        return detail::neverDestroyed([] { return NoticeLedger(); });
     }
 
     // Called after each committed change; returns the notice's number.
