@@ -1,204 +1,112 @@
-// Fuzzes the date text forms: reading arbitrary bytes as a date, writing instants back as text,
-// and reading numbers of seconds since 1970.
+// Fuzzes the date forms: arbitrary bytes read as date text, instants written back as text, and
+// numbers read as seconds since 1970.
 //
-// The reader is checked against an acceptor and a calendar written here independently of the
-// library: text is read exactly when it has one of the accepted shapes and names a real date and
-// time, and then reads as the instant that the calendar computes. Writing that instant gives the
-// text in its full 23-character form, and every written text reads back as the same instant.
+// The reader is checked against an acceptor and a calendar written here, apart from the
+// library: text is read exactly when it has one of the four shapes and names a real date and
+// time, and then as the instant the calendar computes. Writing it gives the 23-character form,
+// which reads back as the same instant; every instant of years 0000...9999 is written.
 
 #include "FuzzCheck.hpp"
 
 #include <NotificationDatabase/NotificationModel/DateText.hpp>
 
-#include <algorithm>
-#include <chrono>
 #include <cmath>
-#include <cstddef>
-#include <cstdint>
 #include <cstring>
 #include <optional>
 #include <string>
-#include <string_view>
 
 namespace {
 
 using notificationdb::Timestamp;
 using std::chrono::milliseconds;
 
-std::int64_t millisecondsOf(Timestamp instant) {
-    return instant.time_since_epoch().count();
+// Years 0000...9999 in milliseconds since 1970, the end excluded.
+constexpr std::int64_t kEarliest = -62167219200000;
+constexpr std::int64_t kLatest = 253402300800000;
+
+Timestamp at(std::int64_t ms) {
+    return Timestamp(Timestamp::time_point(milliseconds(ms)));
 }
 
-// The instants a date can name, in milliseconds since 1970: years 0000...9999.
-constexpr std::int64_t kEarliestMilliseconds = -62167219200000;
-constexpr std::int64_t kLatestMilliseconds = 253402300800000;  // excluded
+// Days from 1970-01-01 to a date of the proleptic Gregorian calendar.
+std::int64_t daysFromCivil(std::int64_t year, int month, int day) {
+    static constexpr int before[] = {0, 31, 59, 90, 120, 151, 181, 212, 243, 273, 304, 334};
+    const std::int64_t y = year - (month <= 2 ? 1 : 0);  // leap days counted through February
+    const std::int64_t leaps = y / 4 - y / 100 + y / 400 - (1969 / 4 - 1969 / 100 + 1969 / 400) + (y < 0 ? -1 : 0);
+    return (year - 1970) * 365 + leaps + before[month - 1] + day - 1;
+}
 
-std::string show(std::string_view text) {
-    std::string shown;
-    for (unsigned char c : text) {
-        if (c >= 0x20 && c < 0x7F && c != '\\') {
-            shown += static_cast<char>(c);
-        } else {
-            static constexpr char hex[] = "0123456789abcdef";
-            shown += "\\x";
-            shown += hex[c >> 4];
-            shown += hex[c & 15];
+bool isLeap(int year) {
+    return year % 4 == 0 && (year % 100 != 0 || year % 400 == 0);
+}
+
+// The instant `text` names, or nothing when it must be refused.
+std::optional<std::int64_t> expectedReading(const std::string& text) {
+    static const std::string shape = "dddd-dd-ddTdd:dd:dd.ddd";
+    if (text.size() != 10 && text.size() != 16 && text.size() != 19 && text.size() != 23) return std::nullopt;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const bool digit = text[i] >= '0' && text[i] <= '9';
+        if (shape[i] == 'd' ? !digit : shape[i] == 'T' ? text[i] != ' ' && text[i] != 'T' : text[i] != shape[i]) {
+            return std::nullopt;
         }
     }
-    return '"' + shown + '"';
-}
-
-// Days from 1970-01-01 to a date of the proleptic Gregorian calendar (H. Hinnant's algorithm).
-std::int64_t daysFromCivil(std::int64_t year, unsigned month, unsigned day) {
-    year -= month <= 2 ? 1 : 0;
-    const std::int64_t era = (year >= 0 ? year : year - 399) / 400;
-    const auto yearOfEra = static_cast<unsigned>(year - era * 400);
-    const unsigned dayOfYear = (153 * (month + (month > 2 ? -3 : 9)) + 2) / 5 + day - 1;
-    const unsigned dayOfEra = yearOfEra * 365 + yearOfEra / 4 - yearOfEra / 100 + dayOfYear;
-    return era * 146097 + static_cast<std::int64_t>(dayOfEra) - 719468;
-}
-
-unsigned daysInMonth(int year, int month) {
-    static constexpr unsigned lengths[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-    const bool leap = year % 4 == 0 && (year % 100 != 0 || year % 400 == 0);
-    return month == 2 && leap ? 29 : lengths[month - 1];
-}
-
-// What reading `text` must give: the instant in milliseconds since 1970 and the full text form
-// that writing it gives, or nothing when the text must be refused.
-struct Expected {
-    std::int64_t milliseconds;
-    std::string canonical;
-};
-
-std::optional<Expected> expectedReading(std::string_view text) {
-    // 'd' is a digit, 'T' the space or the letter T; anything else must match itself. The date
-    // alone, with hours and minutes, with seconds, or with exactly three fraction digits.
-    static constexpr std::string_view shape = "dddd-dd-ddTdd:dd:dd.ddd";
-    const std::size_t size = text.size();
-    if (size != 10 && size != 16 && size != 19 && size != 23) return std::nullopt;
-    for (std::size_t i = 0; i < size; ++i) {
-        const char c = text[i];
-        switch (shape[i]) {
-            case 'd':
-                if (c < '0' || c > '9') return std::nullopt;
-                break;
-            case 'T':
-                if (c != ' ' && c != 'T') return std::nullopt;
-                break;
-            default:
-                if (c != shape[i]) return std::nullopt;
-        }
-    }
-    const auto number = [text](std::size_t position, std::size_t count) {
-        int value = 0;
-        for (std::size_t i = position; i < position + count && i < text.size(); ++i) {
-            value = value * 10 + (text[i] - '0');
-        }
-        return value;
+    const auto number = [&](std::size_t at, std::size_t count) {
+        return at + count > text.size() ? 0 : std::stoi(text.substr(at, count));
     };
-    const int year = number(0, 4);
-    const int month = number(5, 2);
-    const int day = number(8, 2);
-    const int hour = size > 10 ? number(11, 2) : 0;
-    const int minute = size > 10 ? number(14, 2) : 0;
-    const int second = size > 16 ? number(17, 2) : 0;
-    int millisecond = 0;
-    for (std::size_t i = 20; i < 23; ++i) {
-        millisecond = millisecond * 10 + (i < size ? text[i] - '0' : 0);
-    }
-    if (month < 1 || month > 12 || day < 1 || static_cast<unsigned>(day) > daysInMonth(year, month)) {
+    const int year = number(0, 4), month = number(5, 2), day = number(8, 2);
+    static constexpr int lengths[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+    if (month < 1 || month > 12 || day < 1 || day > lengths[month - 1] + (month == 2 && isLeap(year))) {
         return std::nullopt;
     }
+    const int hour = number(11, 2), minute = number(14, 2), second = number(17, 2);
     if (hour > 23 || minute > 59 || second > 59) return std::nullopt;
-    const std::int64_t instant =
-        ((daysFromCivil(year, static_cast<unsigned>(month), static_cast<unsigned>(day)) * 24 + hour) * 60 + minute) *
-            60000 +
-        second * 1000 + millisecond;
-
-    Expected expected;
-    expected.milliseconds = instant;
-    static constexpr std::string_view zero = "0000-00-00 00:00:00.000";
-    expected.canonical = std::string(text.substr(0, zero.size()));
-    if (expected.canonical.size() > 10) expected.canonical[10] = ' ';
-    expected.canonical += zero.substr(expected.canonical.size());
-    return expected;
+    return ((daysFromCivil(year, month, day) * 24 + hour) * 60 + minute) * 60000 + second * 1000 + number(20, 3);
 }
 
-// Writing must succeed for every instant of years 0000...9999 and give 23 characters that read
-// back as the same instant.
-void checkRoundTrip(Timestamp instant, const std::string& origin) {
+void checkRoundTrip(Timestamp instant) {
     const auto text = notificationdb::formatDateText(instant);
-    FUZZ_CHECK(text.has_value(), "an instant inside the range of dates was not written, from " + origin);
-    FUZZ_CHECK(text->size() == 23, "written text " + show(*text) + " is not 23 characters long");
-    const auto back = notificationdb::parseDateText(*text);
-    FUZZ_CHECK(back.has_value(), "written text " + show(*text) + " does not read back");
-    FUZZ_CHECK(*back == instant, "written text " + show(*text) + " reads back as another instant, from " + origin);
-}
-
-void checkText(std::string_view text) {
-    const auto parsed = notificationdb::parseDateText(text);
-    const auto expected = expectedReading(text);
-    FUZZ_CHECK(parsed.has_value() == expected.has_value(),
-               show(text) + (parsed ? " was read but must be refused" : " was refused but must be read"));
-    if (!parsed) return;
-    FUZZ_CHECK(millisecondsOf(*parsed) == expected->milliseconds, show(text) + " reads as the wrong instant");
-    checkRoundTrip(*parsed, "text " + show(text));
-    FUZZ_CHECK(*notificationdb::formatDateText(*parsed) == expected->canonical,
-               show(text) + " is written back as " + show(*notificationdb::formatDateText(*parsed)) + ", not " +
-                   show(expected->canonical));
-}
-
-void checkSeconds(double seconds) {
-    const auto date = notificationdb::dateFromSecondsSince1970(seconds);
-    const std::string origin = "seconds " + std::to_string(seconds);
-    if (!std::isfinite(seconds)) {
-        FUZZ_CHECK(!date.has_value(), "a non-finite number was read as a date");
-        return;
-    }
-    // A millisecond of slack at each end of the range covers the rounding of seconds * 1000.
-    const long double earliest = static_cast<long double>(kEarliestMilliseconds) / 1000.0L;
-    const long double latest = static_cast<long double>(kLatestMilliseconds) / 1000.0L;
-    if (seconds > earliest + 0.001L && seconds < latest - 0.001L) {
-        FUZZ_CHECK(date.has_value(), origin + " inside the range of dates was refused");
-    } else if (seconds < earliest - 0.001L || seconds > latest + 0.001L) {
-        FUZZ_CHECK(!date.has_value(), origin + " outside the range of dates was read");
-    }
-    if (!date) return;
-    const long double exact = static_cast<long double>(seconds) * 1000.0L;
-    const auto read = static_cast<long double>(millisecondsOf(*date));
-    // Flooring toward the past, allowing for the rounding of the product in double.
-    FUZZ_CHECK(read <= exact + 1.0L && read >= exact - 1.0L - std::fabs(exact) * 1e-15L,
-               origin + " was read as " + std::to_string(millisecondsOf(*date)) + " ms");
-    checkRoundTrip(*date, origin);
+    const auto ms = std::to_string(instant.time_since_epoch().count());
+    FUZZ_CHECK(text && text->size() == 23, "the instant " + ms + " ms was not written in 23 characters");
+    FUZZ_CHECK(notificationdb::parseDateText(*text) == instant, *text + " does not read back as " + ms + " ms");
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    checkText(std::string_view(reinterpret_cast<const char*>(data), size));
-
-    if (size >= 8) {
-        double seconds = 0;
-        std::memcpy(&seconds, data, sizeof seconds);
-        checkSeconds(seconds);
-        std::int64_t integer = 0;
-        std::memcpy(&integer, data, sizeof integer);
-        // INTEGER columns reach the reader as doubles.
-        checkSeconds(static_cast<double>(integer));
-        // Any instant of the range is written, and one outside it is not.
-        const auto span = static_cast<std::uint64_t>(kLatestMilliseconds - kEarliestMilliseconds);
-        const auto offset = static_cast<std::int64_t>(static_cast<std::uint64_t>(integer) % span);
-        checkRoundTrip(Timestamp(Timestamp::time_point(milliseconds(kEarliestMilliseconds + offset))),
-                       "milliseconds " + std::to_string(kEarliestMilliseconds + offset));
-        const auto outside =
-            integer < 0 ? kEarliestMilliseconds - 1 - (integer & 0xffff) : kLatestMilliseconds + (integer & 0xffff);
-        FUZZ_CHECK(!notificationdb::formatDateText(Timestamp(Timestamp::time_point(milliseconds(outside)))),
-                   "an instant outside years 0000...9999 was written");
-        // A system clock reading converts to its millisecond, floored toward the past.
-        const std::chrono::sys_time<std::chrono::nanoseconds> fine{std::chrono::nanoseconds(integer)};
-        FUZZ_CHECK(Timestamp(fine).time_since_epoch() == std::chrono::floor<milliseconds>(fine.time_since_epoch()),
-                   "a nanosecond instant did not floor to its millisecond");
+    const std::string text(reinterpret_cast<const char*>(data), size);
+    const auto parsed = notificationdb::parseDateText(text);
+    const auto expected = expectedReading(text);
+    FUZZ_CHECK(parsed.has_value() == expected.has_value(), text + (parsed ? " was read" : " was refused"));
+    if (parsed) {
+        FUZZ_CHECK(parsed->time_since_epoch().count() == *expected, text + " reads as the wrong instant");
+        checkRoundTrip(*parsed);
+        std::string full = text.substr(0, 10) + " " + (text.size() > 10 ? text.substr(11) : "") +
+                           std::string("00:00:00.000").substr(text.size() > 10 ? text.size() - 11 : 0);
+        FUZZ_CHECK(*notificationdb::formatDateText(*parsed) == full, text + " is not written back as " + full);
+    }
+    if (size < 8) return 0;
+    std::int64_t integer = 0;
+    double seconds = 0;
+    std::memcpy(&integer, data, 8);
+    std::memcpy(&seconds, data, 8);
+    // Every instant of the years is written; the next millisecond outside them is not.
+    checkRoundTrip(at(kEarliest + std::int64_t(std::uint64_t(integer) % std::uint64_t(kLatest - kEarliest))));
+    FUZZ_CHECK(!notificationdb::formatDateText(at(integer < 0 ? kEarliest - 1 : kLatest)), "year outside 0...9999");
+    // A clock reading of any precision floors to its millisecond.
+    const std::chrono::sys_time<std::chrono::nanoseconds> fine{std::chrono::nanoseconds(integer)};
+    FUZZ_CHECK(Timestamp(fine).time_since_epoch() == std::chrono::floor<milliseconds>(fine.time_since_epoch()),
+               "a clock reading did not floor to its millisecond");
+    // Seconds since 1970, floored to milliseconds, inside the years (with a millisecond of slack
+    // at each end for the rounding of seconds * 1000).
+    for (const double value : {seconds, double(integer)}) {
+        const auto date = notificationdb::dateFromSecondsSince1970(value);
+        const double ms = value * 1000.0;
+        if (!std::isfinite(value) || ms < kEarliest - 1.0 || ms > kLatest + 1.0) {
+            FUZZ_CHECK(!date, std::to_string(value) + " s was read outside the years");
+        } else if (ms > kEarliest + 1.0 && ms < kLatest - 1.0) {
+            FUZZ_CHECK(date && std::fabs(double(date->time_since_epoch().count()) - std::floor(ms)) <= 1.0,
+                       std::to_string(value) + " s was not read as its millisecond");
+        }
     }
     return 0;
 }
