@@ -45,12 +45,8 @@ using SlotPointer = std::unique_ptr<sd_bus_slot, SlotReleaser>;
 
 // D-Bus member names: 1 to 255 characters of [A-Za-z0-9_], not starting with a digit.
 bool isValidMemberName(std::string_view name) {
-    if (name.empty() || name.size() > 255) {
-        return false;
-    }
-    if (name.front() >= '0' && name.front() <= '9') {
-        return false;
-    }
+    if (name.empty() || name.size() > 255) return false;
+    if (name.front() >= '0' && name.front() <= '9') return false;
     return std::ranges::all_of(name, [](char c) {
         return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_';
     });
@@ -67,9 +63,7 @@ enum class PostFailure : std::size_t { invalidName = 0, noBus = 1, sendFailed = 
 
 void reportPostFailure(PostFailure kind, const std::string& name, const std::string& reason) {
     static std::array<std::atomic<bool>, 3> reported{};
-    if (reported.at(static_cast<std::size_t>(kind)).exchange(true)) {
-        return;
-    }
+    if (reported.at(static_cast<std::size_t>(kind)).exchange(true)) return;
     Logger::module()->log(LogLevel::error, "Unable to post distributed notification " + name + ": " + reason);
 }
 
@@ -80,9 +74,7 @@ void reportObserverFailure(const std::string& name, const std::string& reason) {
 int openSessionBus(BusPointer& bus) {
     sd_bus* raw = nullptr;
     int result = sd_bus_open_user(&raw);
-    if (result < 0) {
-        return result;
-    }
+    if (result < 0) return result;
     bus.reset(raw);
     return sd_bus_set_method_call_timeout(raw, kMethodCallTimeoutMicroseconds);
 }
@@ -100,30 +92,18 @@ int flushWithin(sd_bus* bus, std::chrono::microseconds timeout) {
     const std::uint64_t deadline = monotonicMicroseconds() + static_cast<std::uint64_t>(timeout.count());
     for (;;) {
         int result = sd_bus_process(bus, nullptr);
-        if (result < 0) {
-            return result;
-        }
-        if (result > 0) {
-            continue;
-        }
+        if (result < 0) return result;
+        if (result > 0) continue;
 
         std::uint64_t queued = 0;
         result = sd_bus_get_n_queued_write(bus, &queued);
-        if (result < 0) {
-            return result;
-        }
-        if (queued == 0) {
-            return 0;
-        }
+        if (result < 0) return result;
+        if (queued == 0) return 0;
 
         std::uint64_t now = monotonicMicroseconds();
-        if (now >= deadline) {
-            return -ETIMEDOUT;
-        }
+        if (now >= deadline) return -ETIMEDOUT;
         result = sd_bus_wait(bus, deadline - now);
-        if (result < 0 && result != -EINTR) {
-            return result;
-        }
+        if (result < 0 && result != -EINTR) return result;
     }
 }
 
@@ -157,9 +137,7 @@ public:
         std::string interface = std::string(DistributedNotificationCenter::interfaceName);
         int result = sd_bus_match_signal(bus_.get(), &slot, nullptr, path.c_str(), interface.c_str(),
                                          delivery_->name.c_str(), &Listener::onSignal, this);
-        if (result >= 0) {
-            slot_.reset(slot);
-        }
+        if (result >= 0) slot_.reset(slot);
         return result;
     }
 
@@ -185,22 +163,14 @@ private:
         sd_bus* bus = bus_.get();
         while (!stopRequested_.load()) {
             int result = sd_bus_process(bus, nullptr);
-            if (result < 0) {
-                return result;
-            }
-            if (result > 0) {
-                continue;
-            }
+            if (result < 0) return result;
+            if (result > 0) continue;
 
             int events = sd_bus_get_events(bus);
-            if (events < 0) {
-                return events;
-            }
+            if (events < 0) return events;
             std::uint64_t wakeAt = UINT64_MAX;
             result = sd_bus_get_timeout(bus, &wakeAt);
-            if (result < 0) {
-                return result;
-            }
+            if (result < 0) return result;
             int timeoutMilliseconds = -1;
             if (wakeAt != UINT64_MAX) {
                 std::uint64_t now = monotonicMicroseconds();
@@ -222,9 +192,7 @@ private:
         auto* listener = static_cast<Listener*>(userdata);
         try {
             MainQueue::main().asyncAfter(MainQueue::Clock::duration::zero(), [delivery = listener->delivery_] {
-                if (delivery->active.load() && delivery->handler) {
-                    delivery->handler(delivery->name);
-                }
+                if (delivery->active.load() && delivery->handler) delivery->handler(delivery->name);
             });
         } catch (...) {
             // Out of memory while scheduling: this notice is lost, the observation goes on.
@@ -284,9 +252,7 @@ public:
         // A kept connection may have broken since the last post (bus restarted, process
         // forked); such a failure earns one retry on a fresh connection.
         for (int attempt = 0; attempt < 2; ++attempt) {
-            if (bus_ && sd_bus_is_open(bus_.get()) <= 0) {
-                bus_.reset();
-            }
+            if (bus_ && sd_bus_is_open(bus_.get()) <= 0) bus_.reset();
             bool reused = static_cast<bool>(bus_);
             if (!bus_) {
                 int opened = openSessionBus(bus_);
@@ -300,9 +266,7 @@ public:
             if (result >= 0) {
                 result = flushWithin(bus_.get(), std::chrono::duration_cast<std::chrono::microseconds>(kPostTimeout));
             }
-            if (result >= 0) {
-                return;
-            }
+            if (result >= 0) return;
             bus_.reset();
             if (!reused) {
                 reportPostFailure(PostFailure::sendFailed, name, describeBusError(result));

@@ -16,9 +16,7 @@ namespace {
 // The user's home directory: `$HOME` when set, else the password database's entry. Empty when
 // neither is known.
 std::filesystem::path homeDirectory() {
-    if (const char* home = std::getenv("HOME"); home != nullptr && *home != '\0') {
-        return home;
-    }
+    if (const char* home = std::getenv("HOME"); home != nullptr && *home != '\0') return home;
 
     long suggested = ::sysconf(_SC_GETPW_R_SIZE_MAX);
     std::vector<char> buffer(suggested > 0 ? static_cast<std::size_t>(suggested) : 16384);
@@ -50,9 +48,7 @@ std::filesystem::path SystemFileManager::applicationSupportDirectory() const {
     // A relative XDG_DATA_HOME is invalid and must be ignored.
     if (const char* dataHome = std::getenv("XDG_DATA_HOME"); dataHome != nullptr && *dataHome != '\0') {
         std::filesystem::path path(dataHome);
-        if (path.is_absolute()) {
-            return path;
-        }
+        if (path.is_absolute()) return path;
     }
     return homeDirectory() / ".local" / "share";
 #endif
@@ -72,13 +68,9 @@ std::error_code SystemFileManager::createDirectory(const std::filesystem::path& 
         std::filesystem::create_directories(path, error);
     } else {
         bool created = std::filesystem::create_directory(path, error);
-        if (!error && !created) {
-            return std::make_error_code(std::errc::file_exists);
-        }
+        if (!error && !created) return std::make_error_code(std::errc::file_exists);
     }
-    if (error) {
-        return error;
-    }
+    if (error) return error;
 
     // create_directories reports success for some existing paths that are not directories, so
     // only a directory at `path` counts as done.
@@ -87,12 +79,8 @@ std::error_code SystemFileManager::createDirectory(const std::filesystem::path& 
     if (std::filesystem::is_directory(status)) {
         return {};
     }
-    if (std::filesystem::exists(status)) {
-        return std::make_error_code(std::errc::file_exists);
-    }
-    if (statusError) {
-        return statusError;
-    }
+    if (std::filesystem::exists(status)) return std::make_error_code(std::errc::file_exists);
+    if (statusError) return statusError;
     return std::make_error_code(std::errc::not_a_directory);
 }
 

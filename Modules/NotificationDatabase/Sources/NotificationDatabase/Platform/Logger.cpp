@@ -26,9 +26,7 @@ std::string_view logLevelName(LogLevel level) noexcept {
 StderrLogDestination::StderrLogDestination(LogLevel minimumLevel) noexcept : minimumLevel_(minimumLevel) {}
 
 void StderrLogDestination::write(std::string_view loggerPath, LogLevel level, std::string_view message) {
-    if (level < minimumLevel_) {
-        return;
-    }
+    if (level < minimumLevel_) return;
     std::string line;
     line.reserve(loggerPath.size() + message.size() + 16);
     line += '[';
@@ -58,9 +56,7 @@ std::vector<std::string> CapturingLogDestination::messages() const {
     std::lock_guard lock(mutex_);
     std::vector<std::string> result;
     result.reserve(entries_.size());
-    for (const auto& entry : entries_) {
-        result.push_back(entry.message);
-    }
+    for (const auto& entry : entries_) result.push_back(entry.message);
     return result;
 }
 
@@ -103,18 +99,14 @@ void Logger::deliver(std::string_view path, LogLevel level, std::string_view mes
     }
     // Destinations are called without the lock, so that one may log or reconfigure loggers.
     for (const auto& destination : own) {
-        if (!destination) {
-            continue;
-        }
+        if (!destination) continue;
         try {
             destination->write(path, level, message);
         } catch (...) {
             // A failing destination must not keep the message from the others.
         }
     }
-    if (inheritDestinations_ && parent_) {
-        parent_->deliver(path, level, message);
-    }
+    if (inheritDestinations_ && parent_) parent_->deliver(path, level, message);
 }
 
 void Logger::setDestinations(Destinations destinations) {

@@ -14,22 +14,16 @@ namespace {
 
 MainQueue::Clock::time_point deadlineAfter(MainQueue::Clock::duration delay) {
     auto now = MainQueue::Clock::now();
-    if (delay <= MainQueue::Clock::duration::zero()) {
-        return now;
-    }
+    if (delay <= MainQueue::Clock::duration::zero()) return now;
     // A delay too long to represent means "never", not an overflow into the past.
-    if (delay > MainQueue::Clock::time_point::max() - now) {
-        return MainQueue::Clock::time_point::max();
-    }
+    if (delay > MainQueue::Clock::time_point::max() - now) return MainQueue::Clock::time_point::max();
     return now + delay;
 }
 
 // A job that throws must not take the queue (or the host's main loop) down with it.
 void runJob(const MainQueue::Job& job) noexcept {
     try {
-        if (job) {
-            job();
-        }
+        if (job) job();
     } catch (const std::exception& error) {
         Logger::module()->log(LogLevel::error, "Main queue job failed: " + LogSanitizer::sanitizeError(error));
     } catch (...) {
@@ -115,17 +109,11 @@ std::size_t MainQueue::drive(Clock::time_point until, bool untilIdle) {
                 continue;
             }
         }
-        if (untilIdle && jobs_.empty()) {
-            break;
-        }
-        if (now >= until) {
-            break;
-        }
+        if (untilIdle && jobs_.empty()) break;
+        if (now >= until) break;
 
         auto wakeAt = until;
-        if (!jobs_.empty()) {
-            wakeAt = std::min(wakeAt, jobs_.begin()->first.first);
-        }
+        if (!jobs_.empty()) wakeAt = std::min(wakeAt, jobs_.begin()->first.first);
         if (wakeAt == Clock::time_point::max()) {
             wakeUp_.wait(lock);
         } else {
