@@ -53,11 +53,11 @@ public:
 
 private:
     // Only `create` builds a store, so that every store observes its writes.
-    explicit NotificationDatabaseImpl(const NotificationDatabaseConfig& config);
+    NOTIFICATIONDB_HIDDEN explicit NotificationDatabaseImpl(const NotificationDatabaseConfig& config);
 
-    void setupDatabaseObserver();
-    static bool contentDuplicate(const NotificationModel& notification, Connection& database);
-    void logFailure(std::string_view text, const std::exception& error) const noexcept;
+    NOTIFICATIONDB_HIDDEN void setupDatabaseObserver();
+    NOTIFICATIONDB_HIDDEN static bool contentDuplicate(const NotificationModel& notification, Connection& database);
+    NOTIFICATIONDB_HIDDEN void logFailure(std::string_view text, const std::exception& error) const noexcept;
 
     std::shared_ptr<Logger> logger_;
     std::unique_ptr<NotificationDatabaseConfigurator> configurator_;

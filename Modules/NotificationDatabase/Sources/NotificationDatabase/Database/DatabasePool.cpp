@@ -11,6 +11,8 @@
 #include <cstdint>
 #include <mutex>
 #include <stdexcept>
+#include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 
@@ -62,6 +64,22 @@ void enableWAL(Connection& writer, const BusyMode& busyMode) {
             if (error.resultCode() != SQLITE_BUSY || std::chrono::steady_clock::now() >= deadline) throw;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+}
+
+// Sets of ids travel as JSON arrays read with json_each. SQLite builds the JSON functions in by
+// default only since 3.38, and a build may leave them out: say so when the pool opens rather
+// than fail every query later.
+void requireJSONFunctions(Connection& connection) {
+    constexpr std::string_view probe = "SELECT json_valid('[]')";
+    try {
+        connection.execute(probe);
+    } catch (const DatabaseError& error) {
+        if (error.message().find("no such function") == std::string::npos) throw;
+        throw DatabaseError(error.resultCode(), error.extendedResultCode(),
+                            "SQLite is built without the JSON functions, which the notification store needs (" +
+                                error.message() + ")",
+                            std::string(probe));
     }
 }
 
@@ -206,6 +224,7 @@ DatabasePool::DatabasePool(const std::filesystem::path& path, Configuration conf
     shared_->writer = std::make_unique<Connection>(
         path, config.readOnly ? Connection::Mode::readOnly : Connection::Mode::readWriteCreate, config.busyMode);
     if (!config.readOnly) enableWAL(*shared_->writer, config.busyMode);
+    requireJSONFunctions(*shared_->writer);
     sqlite3_update_hook(shared_->writer->handle(), &Shared::updateHook, shared_.get());
     sqlite3_set_authorizer(shared_->writer->handle(), &Shared::authorizer, shared_.get());
 }

@@ -59,6 +59,7 @@ NotificationButton RecordCoding<NotificationButton>::decode(Source& source) {
 }
 
 template NotificationButton RecordCoding<NotificationButton>::decode(FieldValues<7>&);
-template NotificationButton RecordCoding<NotificationButton>::decode(RowFields&);
+// Rows belong to the private database layer: this instance stays inside the library.
+template NOTIFICATIONDB_HIDDEN NotificationButton RecordCoding<NotificationButton>::decode(RowFields&);
 
 }  // namespace notificationdb

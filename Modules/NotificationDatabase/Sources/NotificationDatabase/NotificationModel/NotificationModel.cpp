@@ -83,6 +83,7 @@ NotificationModel RecordCoding<NotificationModel>::decode(Source& source) {
 }
 
 template NotificationModel RecordCoding<NotificationModel>::decode(FieldValues<12>&);
-template NotificationModel RecordCoding<NotificationModel>::decode(RowFields&);
+// Rows belong to the private database layer: this instance stays inside the library.
+template NOTIFICATIONDB_HIDDEN NotificationModel RecordCoding<NotificationModel>::decode(RowFields&);
 
 }  // namespace notificationdb

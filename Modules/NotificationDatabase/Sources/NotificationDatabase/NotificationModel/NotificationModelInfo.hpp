@@ -32,9 +32,10 @@ struct NOTIFICATIONDB_API NotificationModelInfo {
     // notification from the row's base columns, the button from the scope "notificationButton"
     // (absent when the row has no such scope or all its columns are NULL). Throws
     // `RecordDecodingError` when either record cannot be read; no partial pair is made.
-    static NotificationModelInfo fromJoinedRow(const Row& row) { return NotificationModelInfo(row); }
+    // Both are the library's own: `Row` belongs to its private database layer.
+    NOTIFICATIONDB_HIDDEN static NotificationModelInfo fromJoinedRow(const Row& row) { return NotificationModelInfo(row); }
     // The same as a constructor, so that a list can build its elements in place.
-    explicit NotificationModelInfo(const Row& joinedRow);
+    NOTIFICATIONDB_HIDDEN explicit NotificationModelInfo(const Row& joinedRow);
 
     friend bool operator==(const NotificationModelInfo& lhs, const NotificationModelInfo& rhs) noexcept {
         return lhs.notification.id() == rhs.notification.id();

@@ -1,0 +1,60 @@
+# Install rules, the CMake package, the pkg-config files and the Debian packages (CPack).
+#
+# Components, one Debian package each:
+#   runtime           libNotificationDatabase.so.1                        libnotificationdatabase1
+#   development       headers, .so link, CMake package, pkg-config file   libnotificationdatabase-dev
+#   tool              the notificationdb tool and what comes with it       notificationdb
+#   glib_runtime      libNotificationDatabaseGLib.so.1                    libnotificationdatabaseglib1
+#   glib_development  its header, .so link, CMake component, .pc file      libnotificationdatabaseglib-dev
+
+set(NDB_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/NotificationDatabase)
+set(NDB_PKGCONFIG_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+foreach(header ${NDB_PUBLIC_HEADERS})
+    file(RELATIVE_PATH relative ${NDB_SOURCE_ROOT} ${header})
+    get_filename_component(directory ${relative} DIRECTORY)
+    install(FILES ${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${directory} COMPONENT development)
+endforeach()
+install(FILES ${NDB_GENERATED_ROOT}/NotificationDatabase/VersionMacros.hpp
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/NotificationDatabase COMPONENT development)
+install(TARGETS NotificationDatabase
+    EXPORT NotificationDatabaseTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime
+    INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(EXPORT NotificationDatabaseTargets
+    FILE NotificationDatabaseTargets.cmake
+    NAMESPACE NotificationDatabase::
+    DESTINATION ${NDB_CMAKE_DIR}
+    COMPONENT development)
+configure_package_config_file(cmake/NotificationDatabaseConfig.cmake.in
+    ${CMAKE_CURRENT_BINARY_DIR}/NotificationDatabaseConfig.cmake
+    INSTALL_DESTINATION ${NDB_CMAKE_DIR})
+write_basic_package_version_file(
+    ${CMAKE_CURRENT_BINARY_DIR}/NotificationDatabaseConfigVersion.cmake
+    COMPATIBILITY SameMajorVersion)
+install(FILES
+    ${CMAKE_CURRENT_BINARY_DIR}/NotificationDatabaseConfig.cmake
+    ${CMAKE_CURRENT_BINARY_DIR}/NotificationDatabaseConfigVersion.cmake
+    DESTINATION ${NDB_CMAKE_DIR}
+    COMPONENT development)
+
+# The .pc files find the prefix from their own place, so an installed tree can be moved.
+if(IS_ABSOLUTE "${NDB_PKGCONFIG_DIR}")
+    set(NDB_PC_PREFIX "${CMAKE_INSTALL_PREFIX}")
+else()
+    file(RELATIVE_PATH _ndb_pc_up "/prefix/${NDB_PKGCONFIG_DIR}" "/prefix")
+    string(REGEX REPLACE "/$" "" _ndb_pc_up "${_ndb_pc_up}")
+    set(NDB_PC_PREFIX "\${pcfiledir}/${_ndb_pc_up}")
+endif()
+foreach(kind LIBDIR INCLUDEDIR)
+    if(IS_ABSOLUTE "${CMAKE_INSTALL_${kind}}")
+        set(NDB_PC_${kind} "${CMAKE_INSTALL_${kind}}")
+    else()
+        set(NDB_PC_${kind} "\${prefix}/${CMAKE_INSTALL_${kind}}")
+    endif()
+endforeach()
+configure_file(cmake/NotificationDatabase.pc.in ${CMAKE_CURRENT_BINARY_DIR}/NotificationDatabase.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/NotificationDatabase.pc DESTINATION ${NDB_PKGCONFIG_DIR} COMPONENT development)
+
