@@ -58,3 +58,21 @@ endforeach()
 configure_file(cmake/NotificationDatabase.pc.in ${CMAKE_CURRENT_BINARY_DIR}/NotificationDatabase.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/NotificationDatabase.pc DESTINATION ${NDB_PKGCONFIG_DIR} COMPONENT development)
 
+if(TARGET NotificationDatabaseGLib)
+    install(FILES ${NDB_GLIB_PUBLIC_HEADERS}
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/NotificationDatabase/GLib COMPONENT glib_development)
+    install(TARGETS NotificationDatabaseGLib
+        EXPORT NotificationDatabaseGLibTargets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT glib_runtime NAMELINK_COMPONENT glib_development
+        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT glib_development
+        RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT glib_runtime
+        INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+    install(EXPORT NotificationDatabaseGLibTargets
+        FILE NotificationDatabaseGLibTargets.cmake
+        NAMESPACE NotificationDatabase::
+        DESTINATION ${NDB_CMAKE_DIR}
+        COMPONENT glib_development)
+    configure_file(cmake/NotificationDatabaseGLib.pc.in ${CMAKE_CURRENT_BINARY_DIR}/NotificationDatabaseGLib.pc @ONLY)
+    install(FILES ${CMAKE_CURRENT_BINARY_DIR}/NotificationDatabaseGLib.pc
+        DESTINATION ${NDB_PKGCONFIG_DIR} COMPONENT glib_development)
+endif()
