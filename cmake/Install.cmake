@@ -7,6 +7,12 @@
 #   glib_runtime      libNotificationDatabaseGLib.so.1                    libnotificationdatabaseglib1
 #   glib_development  its header, .so link, CMake component, .pc file      libnotificationdatabaseglib-dev
 
+set(NDB_PACKAGE_runtime libnotificationdatabase${NOTIFICATIONDB_ABI_VERSION})
+set(NDB_PACKAGE_development libnotificationdatabase-dev)
+set(NDB_PACKAGE_tool notificationdb)
+set(NDB_PACKAGE_glib_runtime libnotificationdatabaseglib${NOTIFICATIONDB_ABI_VERSION})
+set(NDB_PACKAGE_glib_development libnotificationdatabaseglib-dev)
+
 set(NDB_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/NotificationDatabase)
 set(NDB_PKGCONFIG_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
@@ -76,3 +82,18 @@ if(TARGET NotificationDatabaseGLib)
     install(FILES ${CMAKE_CURRENT_BINARY_DIR}/NotificationDatabaseGLib.pc
         DESTINATION ${NDB_PKGCONFIG_DIR} COMPONENT glib_development)
 endif()
+
+# Each package carries the license, where Debian looks for it.
+set(_ndb_components runtime development)
+if(TARGET notificationdb)
+    list(APPEND _ndb_components tool)
+endif()
+if(TARGET NotificationDatabaseGLib)
+    list(APPEND _ndb_components glib_runtime glib_development)
+endif()
+foreach(component IN LISTS _ndb_components)
+    install(FILES LICENSE DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${NDB_PACKAGE_${component}}
+        RENAME copyright COMPONENT ${component})
+endforeach()
+
+include(cmake/Packaging.cmake)
