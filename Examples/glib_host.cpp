@@ -64,6 +64,7 @@ struct Host {
     std::filesystem::path file;
     std::shared_ptr<NotificationDatabaseImpl> store;
     int heard = 0;
+    bool otherProcessEnded = false;
     bool succeeded = false;
 
     void finish(bool success, std::string_view message) {
@@ -80,10 +81,17 @@ struct Host {
             startOtherProcess();
         } else if (heard == 2) {
             std::cout << "heard " << databaseUpdated() << " after the other process's write\n";
-            const auto count = store->notificationsCount();
-            finish(count == 2, count == 2 ? "both notices heard; 2 notifications stored"
-                                          : "expected 2 stored notifications, found " + std::to_string(count));
+            finishWhenDone();
         }
+    }
+
+    // Done once the second notice is heard and the other process has ended (so that the bus
+    // outlives its last message).
+    void finishWhenDone() {
+        if (heard < 2 || !otherProcessEnded) return;
+        const auto count = store->notificationsCount();
+        finish(count == 2, count == 2 ? "both notices heard; 2 notifications stored"
+                                      : "expected 2 stored notifications, found " + std::to_string(count));
     }
 
     void startOtherProcess() {
@@ -101,8 +109,12 @@ struct Host {
             pid,
             [](GPid child, gint status, gpointer data) {
                 g_spawn_close_pid(child);
+                auto* host = static_cast<Host*>(data);
+                host->otherProcessEnded = true;
                 if (!g_spawn_check_wait_status(status, nullptr)) {
-                    static_cast<Host*>(data)->finish(false, "the other process failed");
+                    host->finish(false, "the other process failed");
+                } else {
+                    host->finishWhenDone();
                 }
             },
             this);
