@@ -99,8 +99,8 @@ struct Host {
         const char* argv[] = {"/proc/self/exe", "--write", fileText.c_str(), nullptr};
         GPid pid = 0;
         GError* error = nullptr;
-        if (!g_spawn_async(nullptr, const_cast<char**>(argv), nullptr, G_SPAWN_DO_NOT_REAP_CHILD, nullptr, nullptr, &pid,
-                           &error)) {
+        if (!g_spawn_async(nullptr, const_cast<char**>(argv), nullptr, G_SPAWN_DO_NOT_REAP_CHILD, nullptr, nullptr,
+                           &pid, &error)) {
             finish(false, std::string("cannot start the other process: ") + error->message);
             g_error_free(error);
             return;

@@ -23,7 +23,13 @@ TEST(MainContextScheduler, RunsJobsInDeadlineOrderOnTheLoopAndDeliversTheNoticeO
     MainQueue::main().setScheduler(scheduler);
     // Ends a run whose notice never comes, so that the test fails instead of hanging.
     GSource* guard = g_timeout_source_new_seconds(30);
-    g_source_set_callback(guard, [](gpointer data) { g_main_loop_quit(static_cast<GMainLoop*>(data)); return G_SOURCE_REMOVE; }, loop, nullptr);
+    g_source_set_callback(
+        guard,
+        [](gpointer data) {
+            g_main_loop_quit(static_cast<GMainLoop*>(data));
+            return G_SOURCE_REMOVE;
+        },
+        loop, nullptr);
     g_source_attach(guard, context);
 
     // Deadlines out of order, from this thread and another, two of them equal; all due by the
@@ -47,15 +53,16 @@ TEST(MainContextScheduler, RunsJobsInDeadlineOrderOnTheLoopAndDeliversTheNoticeO
     std::filesystem::create_directories(directory);
     auto store = NotificationDatabaseImpl::create(NotificationDatabaseConfig(directory / "notifications.sqlite", {}));
     std::vector<std::thread::id> heardOn;
-    auto observation = DistributedNotificationCenter::defaultCenter()->addObserver(databaseUpdated(), [&](const std::string&) {
-        heardOn.push_back(std::this_thread::get_id());
-        g_main_loop_quit(loop);
-    });
+    auto observation =
+        DistributedNotificationCenter::defaultCenter()->addObserver(databaseUpdated(), [&](const std::string&) {
+            heardOn.push_back(std::this_thread::get_id());
+            g_main_loop_quit(loop);
+        });
     ASSERT_NE(observation, nullptr) << "no session bus";
     std::thread([&] {
-        store->save(NotificationModelInfo(NotificationModel(std::nullopt, "customer", std::chrono::system_clock::now(), "1.0",
-                                                            "tag", "title", std::nullopt, std::nullopt, false, std::nullopt,
-                                                            NotificationStatus::new_, NotificationKind::newApp)));
+        store->save(NotificationModelInfo(NotificationModel(
+            std::nullopt, "customer", std::chrono::system_clock::now(), "1.0", "tag", "title", std::nullopt,
+            std::nullopt, false, std::nullopt, NotificationStatus::new_, NotificationKind::newApp)));
     }).join();
     g_main_loop_run(loop);
     EXPECT_EQ(heardOn, std::vector<std::thread::id>{onLoop}) << "no notice, or not on the loop";

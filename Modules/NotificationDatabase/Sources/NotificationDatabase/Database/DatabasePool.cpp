@@ -76,10 +76,10 @@ void requireJSONFunctions(Connection& connection) {
         connection.execute(probe);
     } catch (const DatabaseError& error) {
         if (error.message().find("no such function") == std::string::npos) throw;
-        throw DatabaseError(error.resultCode(), error.extendedResultCode(),
-                            "SQLite is built without the JSON functions, which the notification store needs (" +
-                                error.message() + ")",
-                            std::string(probe));
+        throw DatabaseError(
+            error.resultCode(), error.extendedResultCode(),
+            "SQLite is built without the JSON functions, which the notification store needs (" + error.message() + ")",
+            std::string(probe));
     }
 }
 

@@ -33,7 +33,9 @@ struct NOTIFICATIONDB_API NotificationModelInfo {
     // (absent when the row has no such scope or all its columns are NULL). Throws
     // `RecordDecodingError` when either record cannot be read; no partial pair is made.
     // Both are the library's own: `Row` belongs to its private database layer.
-    NOTIFICATIONDB_HIDDEN static NotificationModelInfo fromJoinedRow(const Row& row) { return NotificationModelInfo(row); }
+    NOTIFICATIONDB_HIDDEN static NotificationModelInfo fromJoinedRow(const Row& row) {
+        return NotificationModelInfo(row);
+    }
     // The same as a constructor, so that a list can build its elements in place.
     NOTIFICATIONDB_HIDDEN explicit NotificationModelInfo(const Row& joinedRow);
 
