@@ -128,7 +128,7 @@ const std::vector<Row> rows = {
 
     // A watcher hears another process's write, which posts its notices before it exits.
     {"ndb watch --count 1 --timeout 30 >heard 2>watching &\n"
-     "until grep -q watching watching || ! kill -0 $!; do sleep 0.05; done\n"
+     "until grep -qs watching watching || ! kill -0 $!; do sleep 0.05; done\n"
      "seed; wait $!; status=$?; cat heard; echo watch=$status",
      "", " UTC databaseUpdatedNotification\nwatch=0\n", ""},
     {"ndb watch --count 1 --timeout 0.2", "", "", "notificationdb: timed out after hearing 0 of 1 notices\n", 1},
