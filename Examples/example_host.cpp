@@ -54,7 +54,7 @@ int main() {
     DirectoryRemover remover{pattern};
 
     Configuration configuration;
-    configuration.busyMode = BusyMode::timeout(2.0);
+    configuration.busyMode = BusyMode::timeout(NotificationDatabaseConfig::busyTimeoutSeconds);
     const NotificationDatabaseConfig config(remover.path / "NotificationDatabase.sqlite", configuration);
 
     std::shared_ptr<NotificationDatabaseImpl> store;

@@ -36,7 +36,7 @@ NotificationModelInfo makeNotification(std::string title, NotificationKind kind)
 
 std::shared_ptr<NotificationDatabaseImpl> openStore(const std::filesystem::path& file) {
     Configuration configuration;
-    configuration.busyMode = BusyMode::timeout(2.0);
+    configuration.busyMode = BusyMode::timeout(NotificationDatabaseConfig::busyTimeoutSeconds);
     try {
         return NotificationDatabaseImpl::create(NotificationDatabaseConfig(file, configuration));
     } catch (const std::exception& error) {

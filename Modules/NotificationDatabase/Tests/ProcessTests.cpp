@@ -144,8 +144,9 @@ TEST(Threads, ConcurrentSavesAndReadsOnOneStore) {
     testing::TemporaryDirectory directory;
     testing::LogCapture log;
     testing::ScheduledNotices notices;
-    auto store = NotificationDatabaseImpl::create(
-        NotificationDatabaseConfig(directory / "db.sqlite", Configuration{false, BusyMode::timeout(2.0), false}));
+    auto store = NotificationDatabaseImpl::create(NotificationDatabaseConfig(
+        directory / "db.sqlite",
+        Configuration{false, BusyMode::timeout(NotificationDatabaseConfig::busyTimeoutSeconds), false}));
     const int perThread = scaled(300);
     std::atomic<bool> done{false};
     std::vector<std::thread> threads;

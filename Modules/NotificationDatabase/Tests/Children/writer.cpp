@@ -45,7 +45,8 @@ public:
 
 int main(int argc, char** argv) {
     const std::string mode = argc > 3 ? argv[1] : "";
-    const NotificationDatabaseConfig config(argv[2], Configuration{false, BusyMode::timeout(2.0), false});
+    const NotificationDatabaseConfig config(
+        argv[2], Configuration{false, BusyMode::timeout(NotificationDatabaseConfig::busyTimeoutSeconds), false});
     auto failures = std::make_shared<Failures>();
     Logger::module()->setDestinations({failures});
     std::shared_ptr<NotificationDatabaseImpl> store;
