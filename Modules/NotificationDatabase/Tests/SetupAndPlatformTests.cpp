@@ -77,6 +77,30 @@ TEST(Setup, TheReadyMadeConfigurationsAndTheSchemaOfANewFile) {
     EXPECT_EQ(NotificationDatabaseVersionNumber, 159.0);
 }
 
+// The enumerations as the file stores them: strict construction knows exactly the raw values of
+// the cases; the lenient ones fall back to `new` and `default`; names read in any letter case.
+TEST(Setup, EnumerationsAndTheirRawValues) {
+    const std::vector<std::string> statuses{"new", "shown", "read"};
+    const std::vector<std::string> kinds{"default", "newApp", "appUpdate", "vantroUpdate", "ai"};
+    const std::vector<std::string> actions{"openCabinet",     "openApp",    "openCollection",      "openLink",
+                                           "openBlogArticle", "openVantro", "refreshInstalledApps"};
+    for (std::int64_t raw = -2; raw <= 8; ++raw) {
+        const auto i = std::size_t(raw);
+        const auto status = fromRawValue<NotificationStatus>(raw);
+        const auto kind = fromRawValue<NotificationKind>(raw);
+        const auto action = fromRawValue<UserActionKind>(raw);
+        EXPECT_EQ(status ? std::string(caseName(*status)) : "", raw >= 0 && raw < 3 ? statuses[i] : "") << raw;
+        EXPECT_EQ(kind ? std::string(caseName(*kind)) : "", raw >= 0 && raw < 5 ? kinds[i] : "") << raw;
+        EXPECT_EQ(action ? std::string(caseName(*action)) : "", raw >= 0 && raw < 7 ? actions[i] : "") << raw;
+        EXPECT_EQ(makeUserActionKind(raw), action);
+        EXPECT_EQ(caseName(makeNotificationStatus(raw)), raw == 1 || raw == 2 ? statuses[i] : "new");
+        EXPECT_EQ(caseName(makeNotificationKind(raw)), raw >= 0 && raw < 5 ? kinds[i] : "default");
+        EXPECT_TRUE(!action || fromCaseName<UserActionKind>(actions[i]) == action);
+    }
+    EXPECT_EQ(fromCaseName<NotificationKind>("NEWAPP"), NotificationKind::newApp);
+    EXPECT_EQ(fromCaseName<NotificationStatus>("reads"), std::nullopt);
+}
+
 // Jobs run in deadline order, then in the order they were scheduled; `runFor` leaves what falls
 // due later, `stop` ends a drive, a throwing job is logged and the queue goes on, and an
 // installed scheduler takes the jobs scheduled after it.

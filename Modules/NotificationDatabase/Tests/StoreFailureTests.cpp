@@ -161,7 +161,7 @@ TEST_P(StoreFailure, GivesTheNeutralAnswerTheMessageAndOnlyTheChangesItKeeps) {
     auto store = NotificationDatabaseImpl::create(config);
     store->save(entry(1, NotificationKind::newApp, "1", 1));
     store->save(entry(2, NotificationKind::appUpdate, "2", 2));
-    store->save(entry(3, NotificationKind::default_, "3", std::nullopt));
+    store->save(entry(3, NotificationKind::default_, "3", 3));
     RawDatabase other(config.storageURL());
     const std::string fault = c.fault;
     if (fault == "read-only store") {

@@ -450,10 +450,19 @@ protected:
                 return "containsVantro";
             }
             case 16: {
-                const auto kind = *fromRawValue<NotificationKind>(std::int64_t(pick(5)));
-                const auto customer = someCustomer().value_or("c1");
-                const auto app = pick<std::optional<std::int64_t>>({std::nullopt, 0, 7});
-                const auto version = chance(0.5) ? std::nullopt : std::optional(someVersion());
+                auto kind = *fromRawValue<NotificationKind>(std::int64_t(pick(5)));
+                auto customer = someCustomer().value_or("c1");
+                auto app = pick<std::optional<std::int64_t>>({std::nullopt, 0, 7});
+                auto version = chance(0.5) ? std::nullopt : std::optional(someVersion());
+                if (!model.notifications.empty() && chance(0.5)) {  // the key of a stored one, in part
+                    const auto& n =
+                        std::next(model.notifications.begin(), std::ptrdiff_t(pick(model.notifications.size())))
+                            ->second;
+                    kind = n.notificationKind;
+                    customer = n.customerId().value_or("c1");
+                    app = chance(0.5) ? n.appId : std::nullopt;
+                    version = chance(0.5) ? std::optional(n.version) : std::nullopt;
+                }
                 const bool expected = !model.dropped && std::ranges::any_of(model.notifications, [&](const auto& e) {
                     const NotificationModel& n = e.second;
                     return n.customerId() == customer && n.notificationKind == kind && (!app || n.appId == app) &&
@@ -477,9 +486,17 @@ protected:
             EXPECT_TRUE(store->calls.empty()) << "an empty batch reached the store";
             return;
         }
-        // The batch as a set, in the order the set yields its members: of equal entries the first
-        // of the list stays.
+        // The batch as a set, in the order the set yields its members: one entry per notification
+        // id (absent counting as one id), the first of the list.
         const NotificationModelInfoSet distinct(batch.begin(), batch.end());
+        std::map<std::optional<std::int64_t>, std::string> first;
+        for (const auto& info : batch) first.emplace(info.notification.id(), fieldsOf(info));
+        std::vector<std::string> members, expected;
+        for (const auto& info : distinct) members.push_back(fieldsOf(info));
+        for (const auto& [id, fields] : first) expected.push_back(fields);
+        std::ranges::sort(members);
+        std::ranges::sort(expected);
+        EXPECT_EQ(members, expected) << "the batch's set is not one first entry per id";
         std::vector<std::string> calls;
         for (const auto& info : distinct) model.save(info), calls.emplace_back("save");
         cleanUp(calls);
@@ -596,7 +613,13 @@ protected:
             other->query(std::string("SELECT * FROM ") + (model.dropped ? "saved" : "notification") + " ORDER BY id"),
             notifications);
         EXPECT_EQ(other->query("SELECT * FROM notificationButton ORDER BY id"), buttons);
-        if (model.dropped) return;
+        if (model.dropped) {
+            EXPECT_EQ(store->store->notificationsCount(), 0);
+            const auto logged = log.take();
+            EXPECT_TRUE(logged.size() == 1 &&
+                        logged[0].message == "Unable to fetch notifications count: " + std::string(kNoTable));
+            return;
+        }
         EXPECT_EQ(other->query("SELECT ifnull((SELECT seq FROM sqlite_sequence WHERE name = 'notification'), 0), "
                                "ifnull((SELECT seq FROM sqlite_sequence WHERE name = 'notificationButton'), 0)"),
                   (Rows{{std::to_string(model.notificationSequence), std::to_string(model.buttonSequence)}}));
