@@ -96,16 +96,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::chrono::sys_time<std::chrono::nanoseconds> fine{std::chrono::nanoseconds(integer)};
     FUZZ_CHECK(Timestamp(fine).time_since_epoch() == std::chrono::floor<milliseconds>(fine.time_since_epoch()),
                "a clock reading did not floor to its millisecond");
-    // Seconds since 1970, floored to milliseconds, inside the years (with a millisecond of slack
-    // at each end for the rounding of seconds * 1000).
+    // Seconds since 1970, floored to milliseconds (toward the past, also before 1970), inside
+    // the years; `slack` allows for the rounding of seconds * 1000 in double.
     for (const double value : {seconds, double(integer)}) {
         const auto date = notificationdb::dateFromSecondsSince1970(value);
-        const double ms = value * 1000.0;
-        if (!std::isfinite(value) || ms < kEarliest - 1.0 || ms > kLatest + 1.0) {
+        const long double exact = static_cast<long double>(value) * 1000.0L;
+        const long double slack = std::fabs(exact) * 1e-15L;
+        if (!std::isfinite(value) || exact < kEarliest - 1.0L || exact > kLatest + 1.0L) {
             FUZZ_CHECK(!date, std::to_string(value) + " s was read outside the years");
-        } else if (ms > kEarliest + 1.0 && ms < kLatest - 1.0) {
-            FUZZ_CHECK(date && std::fabs(double(date->time_since_epoch().count()) - std::floor(ms)) <= 1.0,
-                       std::to_string(value) + " s was not read as its millisecond");
+        } else if (exact > kEarliest + 1.0L && exact < kLatest - 1.0L) {
+            const auto read = static_cast<long double>(date ? date->time_since_epoch().count() : kLatest);
+            FUZZ_CHECK(date && read <= exact + slack && read > exact - 1.0L - slack,
+                       std::to_string(value) + " s was not read as the millisecond that holds it");
         }
     }
     return 0;
