@@ -108,6 +108,7 @@ NotificationButton withID(const NotificationButton& b, std::int64_t id, std::opt
 
 constexpr std::string_view kBusy = "SQLite error 5 (SQLITE_BUSY): database is locked";
 constexpr std::string_view kNoTable = "SQLite error 1 (SQLITE_ERROR): no such table: notification";
+constexpr std::string_view kNoButtonTable = "SQLite error 1 (SQLITE_ERROR): no such table: notificationButton";
 
 struct Model {
     std::map<std::int64_t, NotificationModel> notifications;
@@ -115,15 +116,22 @@ struct Model {
     // The highest id each table ever had (AUTOINCREMENT): the next automatic id is one more.
     std::int64_t notificationSequence = 0;
     std::int64_t buttonSequence = 0;
-    bool locked = false;   // another program holds the write lock: every write fails
-    bool dropped = false;  // another program dropped "notification"
+    bool locked = false;  // another program holds the write lock: every write fails
+    std::string dropped;  // the table another program dropped, if any
+    bool noNotifications() const { return dropped == "notification"; }
+    bool noButtons() const { return dropped == "notificationButton"; }
+    // What the joined read fails with, if it fails.
+    std::optional<std::string_view> readFailure() const {
+        if (dropped.empty()) return std::nullopt;
+        return noButtons() ? kNoButtonTable : kNoTable;
+    }
     std::vector<std::string> messages;
     int notices = 0;
 
     // The failure of a write transaction, or nullopt when it can run.
     std::optional<std::string_view> writeFailure() const {
         if (locked) return kBusy;
-        if (dropped) return kNoTable;
+        if (noNotifications()) return kNoTable;
         return std::nullopt;
     }
     void log(const std::string& text, std::string_view error) { messages.push_back(text + std::string(error)); }
@@ -148,6 +156,7 @@ struct Model {
             return log("Unable to save wrapped notification: ",
                        R"(could not read column "createdDate" of "notification": date is outside years 0000 to 9999)");
         }
+        if (noButtons() && info.actionButton) return log("Unable to save wrapped notification: ", kNoButtonTable);
         const std::int64_t id = n.id().value_or(notificationSequence + 1);
         notificationSequence = std::max(notificationSequence, id);
         notifications.insert_or_assign(id, withID(n, id));
@@ -160,16 +169,19 @@ struct Model {
 
     // Deletes notifications with their buttons (the foreign key's cascade), then buttons by id.
     // Without the table "notification" neither DELETE can run (a button's delete checks its
-    // foreign key); both failures are dropped.
+    // foreign key); without "notificationButton" the first runs alone. Failures are dropped.
     void remove(const NotificationIDs& ids, const NotificationIDs& buttonIDs) {
-        if (dropped) return;
-        if (std::erase_if(notifications, [&](const auto& e) { return ids.contains(e.first); }) > 0) {
-            ++notices;
-            std::erase_if(buttons, [&](const auto& e) {
-                return e.second.notificationId && ids.contains(*e.second.notificationId);
-            });
+        if (noNotifications()) return;
+        NotificationIDs deleted;
+        for (auto id : ids) {
+            if (notifications.erase(id) > 0) deleted.insert(id);
         }
-        std::erase_if(buttons, [&](const auto& e) { return buttonIDs.contains(e.first); });
+        if (!deleted.empty()) ++notices;
+        if (noButtons()) return;
+        std::erase_if(buttons, [&](const auto& e) {
+            return buttonIDs.contains(e.first) ||
+                   (e.second.notificationId && deleted.contains(*e.second.notificationId));
+        });
     }
 
     std::vector<NotificationModelInfo> list(const std::optional<NotificationIDs>& ids = std::nullopt) const {
@@ -250,8 +262,8 @@ protected:
     NotificationUpdaterImpl updater{store, [this] { return now; }};
     Model model;
     std::optional<RawDatabase> other;  // another program's connection
-    std::string droppedSchema;
-    std::int64_t droppedSequence = 0;
+    Rows droppedSchema;
+    std::string droppedSequence;
     std::int64_t nextBurstID = 1000;
     int lockedSteps = 0;
     int droppedSteps = 0;
@@ -302,7 +314,7 @@ protected:
             case 6:
                 return sys_days(9999y / 12 / 31) + 86'399'999ms;
             case 7:  // beyond the years the file can hold (which failure comes first without the table is left open)
-                if (!model.dropped) return sys_days(10000y / 1 / 1);
+                if (model.dropped.empty()) return sys_days(10000y / 1 / 1);
                 [[fallthrough]];
             case 8:
                 return Timestamp(now.sysTime() - 1h + 400us);
@@ -367,8 +379,9 @@ protected:
             case 7: {
                 const auto ids = chance(0.3) ? std::nullopt : std::optional(someIDs());
                 const auto fetched = store->store->fetchNotifications(ids);
-                if (model.dropped) model.log("Unable to read wrapped notifications: ", kNoTable);
-                expectList(fetched, model.dropped ? std::vector<NotificationModelInfo>{} : model.list(ids));
+                const auto failure = model.readFailure();
+                if (failure) model.log("Unable to read wrapped notifications: ", *failure);
+                expectList(fetched, failure ? std::vector<NotificationModelInfo>{} : model.list(ids));
                 return "fetch";
             }
             case 8:
@@ -394,7 +407,7 @@ protected:
                             : updater.updateButtonVisibility(ids, visible);
                 if (model.locked) {
                     model.log("Unable to change button visibility for notification IDs: " + idList(ids) + ": ", kBusy);
-                } else {
+                } else if (!model.noButtons()) {
                     for (auto& [id, b] : model.buttons) {
                         if (b.notificationId && ids.contains(*b.notificationId)) b.visible = visible;
                     }
@@ -420,7 +433,7 @@ protected:
             case 13: {
                 const auto kind = *fromRawValue<NotificationKind>(std::int64_t(pick(5)));
                 store->store->deleteAllNotifications(kind);
-                if (const auto failure = model.writeFailure()) {
+                if (const auto failure = model.locked ? model.writeFailure() : model.readFailure()) {
                     model.log("Unable to delete all notification with kind " + std::to_string(rawValue(kind)) + ": ",
                               *failure);
                     return "deleteAllNotifications";
@@ -436,16 +449,16 @@ protected:
                 if (!chance(0.3)) return "nothing";
                 store->store->deleteAll();
                 if (model.locked) return model.log("Unable to reset notification database: ", kBusy), "deleteAll";
-                if (model.dropped) return "deleteAll";
+                if (model.noNotifications()) return "deleteAll";
                 if (!model.notifications.empty()) ++model.notices;
                 model.notifications.clear();
-                model.buttons.clear();
+                if (!model.noButtons()) model.buttons.clear();
                 return "deleteAll";
             case 15: {
                 const auto version = someVersion();
-                const bool expected = model.dropped || std::ranges::any_of(model.notifications, [&](const auto& e) {
-                                          return e.second.version == version;
-                                      });
+                const bool expected = model.noNotifications() ||
+                                      std::ranges::any_of(model.notifications,
+                                                          [&](const auto& e) { return e.second.version == version; });
                 EXPECT_EQ(store->store->containsVantro(version), expected);
                 return "containsVantro";
             }
@@ -463,11 +476,12 @@ protected:
                     app = chance(0.5) ? n.appId : std::nullopt;
                     version = chance(0.5) ? std::optional(n.version) : std::nullopt;
                 }
-                const bool expected = !model.dropped && std::ranges::any_of(model.notifications, [&](const auto& e) {
-                    const NotificationModel& n = e.second;
-                    return n.customerId() == customer && n.notificationKind == kind && (!app || n.appId == app) &&
-                           (!version || n.version == *version);
-                });
+                const bool expected =
+                    !model.noNotifications() && std::ranges::any_of(model.notifications, [&](const auto& e) {
+                        const NotificationModel& n = e.second;
+                        return n.customerId() == customer && n.notificationKind == kind && (!app || n.appId == app) &&
+                               (!version || n.version == *version);
+                    });
                 EXPECT_EQ(store->store->containsNotification(kind, customer, app, version), expected);
                 return "containsNotification";
             }
@@ -505,8 +519,8 @@ protected:
     // What a prune pass does, given the calls the updater made before it.
     void cleanUp(std::vector<std::string> calls) {
         calls.emplace_back("fetch");
-        if (model.dropped) {
-            model.log("Unable to read wrapped notifications: ", kNoTable);
+        if (const auto failure = model.readFailure()) {
+            model.log("Unable to read wrapped notifications: ", *failure);
         } else if (store->fetched) {
             expectList(*store->fetched, model.list());
             const auto ids = model.expired(*store->fetched, now);
@@ -526,7 +540,7 @@ protected:
     std::string otherProgram() {
         switch (pick(4)) {
             case 0: {  // a second button row for a stored notification
-                if (model.notifications.empty() || model.dropped || model.locked) return "nothing";
+                if (model.notifications.empty() || !model.dropped.empty() || model.locked) return "nothing";
                 const auto owner =
                     std::next(model.notifications.begin(), std::ptrdiff_t(pick(model.notifications.size())))->first;
                 other->execute(
@@ -539,40 +553,42 @@ protected:
                 return "another program adds a button to " + std::to_string(owner);
             }
             case 1:
-                if (model.locked || model.dropped) return "nothing";
+                if (model.locked || !model.dropped.empty()) return "nothing";
                 other->execute("BEGIN IMMEDIATE");
                 model.locked = true;
                 lockedSteps = 1 + int(pick(3));
                 return "another program holds the write lock";
             case 2: {
-                if (model.locked || model.dropped) return "nothing";
-                droppedSchema = other->query("SELECT sql FROM sqlite_master WHERE name = 'notification'").at(0).at(0);
-                droppedSequence = std::stoll(
-                    other->query("SELECT ifnull((SELECT seq FROM sqlite_sequence WHERE name = 'notification'), 0)")
+                if (model.locked || !model.dropped.empty()) return "nothing";
+                model.dropped = chance(0.5) ? "notification" : "notificationButton";
+                const std::string table = "'" + model.dropped + "'";
+                droppedSchema =
+                    other->query("SELECT sql FROM sqlite_master WHERE tbl_name = " + table + " ORDER BY type DESC");
+                droppedSequence =
+                    other->query("SELECT ifnull((SELECT seq FROM sqlite_sequence WHERE name = " + table + "), 0)")
                         .at(0)
-                        .at(0));
-                other->execute("CREATE TABLE saved AS SELECT * FROM notification");
-                other->execute("DROP TABLE notification");
-                model.dropped = true;
+                        .at(0);
+                other->execute("CREATE TABLE saved AS SELECT * FROM " + model.dropped);
+                other->execute("DROP TABLE " + model.dropped);
                 droppedSteps = 1 + int(pick(3));
-                return "another program drops the table notification";
+                return "another program drops the table " + model.dropped;
             }
             default:
-                if (model.dropped) return "nothing";
+                if (!model.dropped.empty()) return "nothing";
                 store->store.reset();
                 store->store = NotificationDatabaseImpl::create(config);
                 return "reopen";
         }
     }
 
+    // The dropped table comes back with its index, rows and AUTOINCREMENT counter.
     void restoreTable() {
-        other->execute(droppedSchema);
-        other->execute("INSERT INTO notification SELECT * FROM saved");
+        for (const auto& sql : droppedSchema) other->execute(sql.at(0));
+        other->execute("INSERT INTO " + model.dropped + " SELECT * FROM saved");
         other->execute("DROP TABLE saved");
-        other->execute("DELETE FROM sqlite_sequence WHERE name = 'notification'");
-        other->execute("INSERT INTO sqlite_sequence (name, seq) VALUES ('notification', " +
-                       std::to_string(droppedSequence) + ")");
-        model.dropped = false;
+        other->execute("DELETE FROM sqlite_sequence WHERE name = '" + model.dropped + "'");
+        other->execute("INSERT INTO sqlite_sequence VALUES ('" + model.dropped + "', " + droppedSequence + ")");
+        model.dropped.clear();
     }
 
     static void expectList(const std::vector<NotificationModelInfo>& actual,
@@ -609,21 +625,23 @@ protected:
         Rows notifications, buttons;
         for (const auto& [id, n] : model.notifications) notifications.push_back(row(n));
         for (const auto& [id, b] : model.buttons) buttons.push_back(row(b));
-        EXPECT_EQ(
-            other->query(std::string("SELECT * FROM ") + (model.dropped ? "saved" : "notification") + " ORDER BY id"),
-            notifications);
-        EXPECT_EQ(other->query("SELECT * FROM notificationButton ORDER BY id"), buttons);
-        if (model.dropped) {
+        const auto rows = [&](const std::string& table) {
+            return other->query("SELECT * FROM " + (table == model.dropped ? "saved" : table) + " ORDER BY id");
+        };
+        EXPECT_EQ(rows("notification"), notifications);
+        EXPECT_EQ(rows("notificationButton"), buttons);
+        if (model.noNotifications()) {
             EXPECT_EQ(store->store->notificationsCount(), 0);
             const auto logged = log.take();
             EXPECT_TRUE(logged.size() == 1 &&
                         logged[0].message == "Unable to fetch notifications count: " + std::string(kNoTable));
             return;
         }
+        EXPECT_EQ(store->store->notificationsCount(), std::int64_t(model.notifications.size()));
+        if (!model.dropped.empty()) return;
         EXPECT_EQ(other->query("SELECT ifnull((SELECT seq FROM sqlite_sequence WHERE name = 'notification'), 0), "
                                "ifnull((SELECT seq FROM sqlite_sequence WHERE name = 'notificationButton'), 0)"),
                   (Rows{{std::to_string(model.notificationSequence), std::to_string(model.buttonSequence)}}));
-        EXPECT_EQ(store->store->notificationsCount(), std::int64_t(model.notifications.size()));
         expectList(store->store->fetchNotifications(std::nullopt), model.list());
         EXPECT_TRUE(log.take().empty()) << "a read after the step logged";
     }
