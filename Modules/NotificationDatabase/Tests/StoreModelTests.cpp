@@ -416,10 +416,19 @@ protected:
             }
             case 11:
             case 12: {
+                // Pairs as listed, made up, or made up around a stored button (whose notification
+                // may be another, or none).
                 NotificationModelInfoSet set;
                 const auto listed = model.list();
-                for (std::size_t i = pick(5); i > 0; --i)
-                    set.insert(chance(0.6) && !listed.empty() ? listed[pick(listed.size())] : someInfo());
+                for (std::size_t i = pick(5); i > 0; --i) {
+                    auto info = chance(0.5) && !listed.empty() ? listed[pick(listed.size())] : someInfo();
+                    if (!model.buttons.empty() && chance(0.3)) {
+                        const auto& b =
+                            std::next(model.buttons.begin(), std::ptrdiff_t(pick(model.buttons.size())))->second;
+                        info.actionButton = b;
+                    }
+                    set.insert(info);
+                }
                 store->store->deleteNotifications(set);
                 if (model.locked) return model.log("Unable to reset notifications database: ", kBusy), "delete";
                 NotificationIDs ids, buttonIDs;
@@ -446,7 +455,7 @@ protected:
                 return "deleteAllNotifications " + std::to_string(rawValue(kind));
             }
             case 14:
-                if (!chance(0.3)) return "nothing";
+                if (model.dropped.empty() && !chance(0.3)) return "nothing";
                 store->store->deleteAll();
                 if (model.locked) return model.log("Unable to reset notification database: ", kBusy), "deleteAll";
                 if (model.noNotifications()) return "deleteAll";
