@@ -11,6 +11,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <optional>
 #include <string>
 #include <variant>
@@ -78,6 +79,10 @@ void checkRecord(const Record& record, const nlohmann::json& object, std::size_t
         FUZZ_CHECK(Coding::fields[i].optional || !std::holds_alternative<std::monostate>(values[i]),
                    where + " is required but absent");
     }
+    for (const auto& [key, value] : object.items()) {
+        FUZZ_CHECK(std::ranges::any_of(Coding::fields, [&](const auto& field) { return field.name == key; }),
+                   "entry " + std::to_string(entry) + ": the unknown key \"" + key + "\" was accepted");
+    }
     RecordValues<Record> copy = values;
     FUZZ_CHECK(encodeRecord(Coding::decode(copy)) == values,
                "entry " + std::to_string(entry) + ": keyed coding changed it");
@@ -125,7 +130,9 @@ void checkBatch(std::string_view text) {
     for (std::size_t i = 0; i < batch->size(); ++i) {
         const auto& entry = json[i];
         const NotificationModelInfo& info = (*batch)[i];
-        FUZZ_CHECK(entry.is_object() && entry.contains("notification"), "an entry without notification was accepted");
+        FUZZ_CHECK(entry.is_object() && entry.contains("notification") &&
+                       entry.size() == (entry.contains("notificationButton") ? 2U : 1U),
+                   "an entry without notification, or with unknown keys, was accepted");
         checkRecord(info.notification, entry["notification"], i);
         const auto button = entry.find("notificationButton");
         const bool hasButton = button != entry.end() && !button->is_null();
