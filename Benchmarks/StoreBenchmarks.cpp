@@ -23,17 +23,31 @@
 
 #include <benchmark/benchmark.h>
 
+#if __has_include(<valgrind/callgrind.h>)
+#include <valgrind/callgrind.h>
+#else
+#define CALLGRIND_START_INSTRUMENTATION
+#define CALLGRIND_STOP_INSTRUMENTATION
+#define CALLGRIND_DUMP_STATS_AT(name) static_cast<void>(name)
+#endif
+
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
+#include <fstream>
 #include <functional>
+#include <iostream>
 #include <map>
 #include <memory>
 #include <optional>
+#include <random>
+#include <regex>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace notificationdb::bench {
@@ -158,7 +172,7 @@ std::string describeRows(const std::vector<RawInfo>& rows) {
     for (const RawInfo& info : rows) {
         const RawNotification& n = info.notification;
         text += std::to_string(n.id.value_or(-1)) + '|' + n.customerId.value_or("-") + '|' +
-                std::to_string(n.createdDate.time_since_epoch().count()) + '|' + n.version + '|' + n.analyticsTag +
+                std::to_string(std::chrono::floor<std::chrono::milliseconds>(n.createdDate.time_since_epoch()).count()) + '|' + n.version + '|' + n.analyticsTag +
                 '|' + n.title.value_or("-") + '|' + n.body.value_or("-") + '|' + n.bannerUrl.value_or("-") + '|' +
                 std::to_string(n.isMarketing) + '|' + std::to_string(n.appId.value_or(-1)) + '|' +
                 std::to_string(n.status) + '|' + std::to_string(n.notificationKind);
@@ -198,6 +212,19 @@ void expectCount(Maintenance& maintenance, std::int64_t expected, const std::str
     expect(actual == expected, what + ": " + std::to_string(actual) + " rows instead of " + std::to_string(expected));
 }
 
+// How the binary measures (set from its command line in `main`).
+struct Settings {
+    // Count instructions instead of timing: each case makes `kInstructionCalls` calls, each under
+    // callgrind's instrumentation (started and stopped around the call alone), and then dumps
+    // callgrind's counters under the case's name. Run under
+    // `valgrind --tool=callgrind --instr-atstart=no`.
+    bool countInstructions = false;
+    // The benchmark running now, e.g. "Library/fetch_all/10000".
+    std::string running;
+};
+Settings settings;
+constexpr int kInstructionCalls = 3;
+
 // Runs `operation` once per iteration. `restore` runs with the clock stopped after every
 // `restoreInterval` iterations. One untimed call with its restore comes first, so statements
 // are prepared and connections open before timing starts; `check` runs after that call.
@@ -207,15 +234,22 @@ void measure(benchmark::State& state, Operation&& operation, Restore&& restore, 
     operation();
     check();
     restore();
+    const bool counting = settings.countInstructions;
     std::int64_t sinceRestore = 0;
     for (auto _ : state) {
+        if (counting) CALLGRIND_START_INSTRUMENTATION;
         operation();
+        if (counting) CALLGRIND_STOP_INSTRUMENTATION;
         if (++sinceRestore == restoreInterval) {
             state.PauseTiming();
             restore();
             sinceRestore = 0;
             state.ResumeTiming();
         }
+    }
+    if (counting) {
+        const std::string name = settings.running + " calls=" + std::to_string(state.iterations());
+        CALLGRIND_DUMP_STATS_AT(name.c_str());
     }
     if (sinceRestore != 0) restore();
     AllocationProbe probe;
@@ -640,8 +674,10 @@ std::vector<Case> cases() {
 }
 
 // A failure inside a case ends that case with an error instead of the process.
-std::function<void(benchmark::State&)> guarded(std::function<void(benchmark::State&)> body, Access access) {
-    return [body = std::move(body), access](benchmark::State& state) {
+std::function<void(benchmark::State&)> guarded(std::string name, std::function<void(benchmark::State&)> body,
+                                               Access access) {
+    return [name = std::move(name), body = std::move(body), access](benchmark::State& state) {
+        settings.running = name;
         try {
             body(state);
             state.SetLabel(access == Access::write ? "write" : "read");
@@ -651,47 +687,147 @@ std::function<void(benchmark::State&)> guarded(std::function<void(benchmark::Sta
     };
 }
 
+// Keeps the runs reported to it, in the order they ran, and the context of the first.
+class Collector : public benchmark::BenchmarkReporter {
+public:
+    bool ReportContext(const Context& context) override {
+        if (!context_) context_.emplace(context);
+        return true;
+    }
+    void ReportRuns(const std::vector<Run>& runs) override { runs_.insert(runs_.end(), runs.begin(), runs.end()); }
+
+    // Writes everything in Google Benchmark's JSON format, the cases in the order they were
+    // registered and the runs of each in the order they ran.
+    bool write(const std::string& path) {
+        std::stable_sort(runs_.begin(), runs_.end(),
+                         [](const Run& lhs, const Run& rhs) { return lhs.family_index < rhs.family_index; });
+        std::ofstream out(path);
+        if (!out || !context_) return false;
+        benchmark::JSONReporter json;
+        json.SetOutputStream(&out);
+        json.SetErrorStream(&std::cerr);
+        json.ReportContext(*context_);
+        json.ReportRuns(runs_);
+        json.Finalize();
+        return static_cast<bool>(out);
+    }
+
+private:
+    std::optional<Context> context_;
+    std::vector<Run> runs_;
+};
+
+// Paired rounds: in every round each selected case runs its library side and its baseline side
+// back to back, the cases in a new random order and the side that goes first alternating from
+// round to round, so that a change in the machine's load falls on both halves of a pair alike.
+// The runs go to `jsonPath` in the order they ran; `compare.py` pairs them up again.
+int runPairedRounds(int rounds, const std::string& jsonPath, std::vector<std::string> caseNames) {
+    const std::string filter = benchmark::GetBenchmarkFilter();
+    if (!filter.empty() && filter != "." && filter != "all") {
+        const std::regex pattern(filter);
+        std::erase_if(caseNames, [&pattern](const std::string& name) {
+            return !std::regex_search("Library/" + name, pattern) && !std::regex_search("Baseline/" + name, pattern);
+        });
+    }
+    std::mt19937 random(std::random_device{}());
+    Collector collector;
+    for (int round = 0; round < rounds; ++round) {
+        std::shuffle(caseNames.begin(), caseNames.end(), random);
+        const auto started = std::chrono::steady_clock::now();
+        for (const std::string& name : caseNames) {
+            for (const bool library : {round % 2 == 0, round % 2 != 0}) {
+                std::string spec = library ? "^Library/" : "^Baseline/";
+                spec += name;
+                spec += "(/|$)";
+                benchmark::RunSpecifiedBenchmarks(&collector, spec);
+            }
+        }
+        const auto seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+        std::fprintf(stderr, "round %d of %d: %zu cases in %.0f s\n", round + 1, rounds, caseNames.size(), seconds);
+    }
+    if (!collector.write(jsonPath)) {
+        std::fprintf(stderr, "notificationdb_benchmarks: cannot write %s\n", jsonPath.c_str());
+        return 1;
+    }
+    return 0;
+}
+
+// Takes the binary's own options out of the command line; the rest goes to Google Benchmark.
+struct Options {
+    int rounds = 0;  // --pairs=N
+    std::string json = "benchmarks.json";  // --json=FILE
+};
+
+Options takeOptions(std::vector<char*>& arguments) {
+    Options options;
+    std::erase_if(arguments, [&options](char* argument) {
+        const std::string_view text(argument);
+        if (text == "--instructions") {
+            settings.countInstructions = true;
+        } else if (text.starts_with("--pairs=")) {
+            options.rounds = std::max(1, std::atoi(argument + 8));
+        } else if (text.starts_with("--json=")) {
+            options.json = std::string(text.substr(7));
+        } else {
+            return false;
+        }
+        return true;
+    });
+    return options;
+}
+
 }  // namespace
 
-void registerStoreBenchmarks() {
+std::vector<std::string> registerStoreBenchmarks() {
+    std::vector<std::string> names;
     for (Case& entry : cases()) {
         for (const bool library : {true, false}) {
             const std::string name = (library ? "Library/" : "Baseline/") + entry.name;
-            benchmark::RegisterBenchmark(name.c_str(), guarded(library ? entry.library : entry.baseline, entry.access))
-                ->UseRealTime()
-                ->Unit(benchmark::kMicrosecond);
+            auto* benchmark =
+                benchmark::RegisterBenchmark(name.c_str(), guarded(name, library ? entry.library : entry.baseline,
+                                                                   entry.access));
+            benchmark->UseRealTime()->Unit(benchmark::kMicrosecond);
+            if (settings.countInstructions) benchmark->Iterations(kInstructionCalls)->Repetitions(1);
         }
+        names.push_back(entry.name);
     }
+    return names;
 }
 
 }  // namespace notificationdb::bench
 
 int main(int argc, char** argv) {
+    using namespace notificationdb::bench;
     // The store schedules a notice on the main queue one second after each committed change of
     // "notification". Posting it is not store work and nothing drives the queue here, so the
     // scheduled jobs are dropped instead of piling up.
     notificationdb::MainQueue::main().setScheduler([](auto /*deadline*/, auto /*job*/) {});
 
-    // Repetitions of all cases run in random order, so that a change in the machine's load during
-    // the run falls on both sides of a comparison alike. A flag given on the command line comes
-    // later and wins.
+    // Without --pairs, the repetitions of all cases run in random order, so that a change in the
+    // machine's load during the run falls on both sides of a comparison alike. A flag given on
+    // the command line comes later and wins.
     std::vector<char*> arguments(argv, argv + argc);
+    const Options options = takeOptions(arguments);
     std::string interleaving = "--benchmark_enable_random_interleaving=true";
     arguments.insert(arguments.begin() + (argc > 0 ? 1 : 0), interleaving.data());
     int argumentCount = static_cast<int>(arguments.size());
     arguments.push_back(nullptr);
 
-    notificationdb::bench::registerStoreBenchmarks();
+    const std::vector<std::string> caseNames = registerStoreBenchmarks();
     benchmark::Initialize(&argumentCount, arguments.data());
     if (benchmark::ReportUnrecognizedArguments(argumentCount, arguments.data())) return 1;
     int status = 0;
     try {
-        benchmark::RunSpecifiedBenchmarks();
+        if (options.rounds > 0 && !settings.countInstructions) {
+            status = runPairedRounds(options.rounds, options.json, caseNames);
+        } else {
+            benchmark::RunSpecifiedBenchmarks();
+        }
     } catch (const std::exception& error) {
         std::fprintf(stderr, "notificationdb_benchmarks: %s\n", error.what());
         status = 1;
     }
     benchmark::Shutdown();
-    notificationdb::bench::removeWorkspace();
+    removeWorkspace();
     return status;
 }

@@ -1,95 +1,108 @@
 #!/usr/bin/env python3
 """Compares the library with the raw sqlite3 baseline in a run of notificationdb_benchmarks.
 
-Reads the Google Benchmark JSON output (written by --benchmark_out=FILE
---benchmark_out_format=json, or printed by --benchmark_format=json) from the file named on the
-command line or from standard input, and prints one row per case:
+Reads the Google Benchmark JSON that the binary writes (best from `--pairs=N --json=FILE`, whose
+runs come in pairs: a case's library run and its baseline run back to back, N rounds) and, with
+--callgrind DIR, the callgrind dumps of a `--instructions` run under
+`valgrind --tool=callgrind --instr-atstart=no`. Prints one row per case:
 
-    case | library median | baseline median | ratio (library/baseline) | target | within target
+    case | kind | instructions per call, library and baseline | their ratio |
+    median real time, library and baseline | paired ratio | its spread | within target
 
-The median is the "median" aggregate of real_time when the run had repetitions, else the median
-of the single runs. Beside the verdict the table shows the kind of case, the same ratio for CPU
-time (informative: it leaves out waiting for the disk and for the processor on a busy machine)
-and the coefficient of variation of the repetitions of each side. The target is 1.10 for cases that write and 1.20 for cases that only read
-(the label each case reports). A last section compares the peak heap use of the largest fetch
-(counter peak_bytes). With --strict the exit status is 1 when a case misses its target.
+The instruction ratio counts what both sides execute, SQLite included, and does not depend on
+the machine's load. The paired ratio is the median over the rounds of library time / baseline
+time of the two runs of one round, which ran back to back; "spread" is the range of the middle
+half of those ratios. Without pairs (a plain Google Benchmark JSON) the ratio is that of the
+medians. A case is within target when both ratios are at most the target (1.05). A last section
+compares the peak heap use of the largest fetch (counter peak_bytes). With --strict the exit
+status is 1 when a case misses its target.
 """
 
 import argparse
+import glob
 import json
+import os
 import statistics
 import sys
 
-TARGETS = {"write": 1.10, "read": 1.20}
+TARGET = 1.05
 SIDES = ("Library", "Baseline")
 MEMORY_CASE = "fetch_all/10000"
 TO_NANOSECONDS = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
 
 
 def case_of(run_name):
-    """('Library', 'fetch_all/100') for 'Library/fetch_all/100/real_time', else None."""
+    """('Library', 'fetch_all/100') for 'Library/fetch_all/100/real_time' and the like."""
     side, _, rest = run_name.partition("/")
     if side not in SIDES or not rest:
         return None
-    for suffix in ("/real_time", "/manual_time"):
-        if rest.endswith(suffix):
-            rest = rest[: -len(suffix)]
-    return side, rest
-
-
-def access_of(case, label):
-    """'write' or 'read': the label the case reported, else a guess from its name."""
-    if label in TARGETS:
-        return label
-    if case.startswith(("fetch", "count", "contains", "cleanup_nothing")):
-        return "read"
-    return "write"
+    parts = [part for part in rest.split("/")
+             if part not in ("real_time", "manual_time") and not part.startswith(("iterations:", "repeats:"))]
+    return side, "/".join(parts)
 
 
 def collect(benchmarks):
-    """{case: {side: {...}}} with the median real time in ns, the cv, counters and errors."""
-    runs = {}
-    for entry in benchmarks:
+    """{case: {side: {...}}}: the runs in file order, medians, errors, labels, peak heap."""
+    cases = {}
+    for position, entry in enumerate(benchmarks):
         parsed = case_of(entry.get("run_name") or entry.get("name", ""))
         if parsed is None:
             continue
         side, case = parsed
-        slot = runs.setdefault(case, {}).setdefault(
-            side, {"iterations": [], "median": None, "cv": None, "label": None, "error": None}
-        )
-        order = entry.get("family_index", len(runs))
-        runs[case]["order"] = min(runs[case].get("order", order), order)
+        sides = cases.setdefault(case, {"order": position})
+        slot = sides.setdefault(side, {"runs": [], "median": None, "error": None, "label": None, "peaks": []})
         if entry.get("error_occurred"):
             slot["error"] = entry.get("error_message") or "error"
             continue
-        if entry.get("label"):
-            slot["label"] = entry["label"]
+        slot["label"] = entry.get("label") or slot["label"]
         scale = TO_NANOSECONDS.get(entry.get("time_unit", "ns"), 1.0)
         if entry.get("run_type") == "aggregate":
-            name = entry.get("aggregate_name")
-            if name == "median":
+            if entry.get("aggregate_name") == "median":
                 slot["median"] = entry["real_time"] * scale
-                slot["cpu_median"] = entry["cpu_time"] * scale
-                slot["median_entry"] = entry
-            elif name == "cv":
-                # The cv of the time is a fraction, reported without a time unit.
-                slot["cv"] = entry["real_time"]
         else:
-            slot["iterations"].append((entry["real_time"] * scale, entry["cpu_time"] * scale, entry))
+            slot["runs"].append((entry["real_time"] * scale, entry["cpu_time"] * scale))
+        if "peak_bytes" in entry and entry.get("run_type") != "aggregate":
+            slot["peaks"].append(entry["peak_bytes"])
+    for sides in cases.values():
+        for side in SIDES:
+            slot = sides.get(side)
+            if slot and slot["median"] is None and slot["runs"]:
+                slot["median"] = statistics.median(real for real, _ in slot["runs"])
+    return cases
 
-    for sides in runs.values():
-        for side, slot in sides.items():
-            if side not in SIDES:
-                continue
-            if slot["median"] is None and slot["iterations"]:
-                slot["median"] = statistics.median(real for real, _, _ in slot["iterations"])
-                slot["cpu_median"] = statistics.median(cpu for _, cpu, _ in slot["iterations"])
-            entries = [entry for _, _, entry in slot["iterations"]]
-            if slot.get("median_entry") is not None:
-                entries = [slot["median_entry"]]
-            peaks = [entry["peak_bytes"] for entry in entries if "peak_bytes" in entry]
-            slot["peak_bytes"] = statistics.median(peaks) if peaks else None
-    return runs
+
+def read_instructions(directory):
+    """{(side, case): instructions per call} from callgrind's dumps named '<side>/<case> calls=N'."""
+    counts = {}
+    for path in glob.glob(os.path.join(directory, "*")):
+        name = total = None
+        with open(path, encoding="utf-8", errors="replace") as dump:
+            for line in dump:
+                if line.startswith("desc: Trigger: Client Request: "):
+                    name = line[len("desc: Trigger: Client Request: "):].strip()
+                elif line.startswith("totals:"):
+                    total = int(line.split()[1])
+                    break
+        if not name or total is None or " calls=" not in name:
+            continue
+        benchmark, _, calls = name.rpartition(" calls=")
+        parsed = case_of(benchmark)
+        if parsed and int(calls) > 0:
+            counts[parsed] = total / int(calls)
+    return counts
+
+
+def paired_ratios(library, baseline, index):
+    """Library/baseline ratios of the runs of one round (the n-th run of each side)."""
+    return [lib[index] / base[index] for lib, base in zip(library["runs"], baseline["runs"]) if base[index] > 0]
+
+
+def quartiles(values):
+    ordered = sorted(values)
+    if len(ordered) < 4:
+        return ordered[0], ordered[-1]
+    q = statistics.quantiles(ordered, n=4)
+    return q[0], q[2]
 
 
 def format_time(nanoseconds):
@@ -102,6 +115,15 @@ def format_time(nanoseconds):
     return "%.0f ns" % nanoseconds
 
 
+def format_count(count):
+    if count is None:
+        return "-"
+    for unit, scale in (("G", 1e9), ("M", 1e6), ("k", 1e3)):
+        if count >= scale:
+            return "%.3g %s" % (count / scale, unit)
+    return "%.0f" % count
+
+
 def format_bytes(count):
     if count is None:
         return "-"
@@ -111,25 +133,19 @@ def format_bytes(count):
     return "%d B" % count
 
 
-def format_cv(slot):
-    return "-" if slot is None or slot.get("cv") is None else "%.0f%%" % (slot["cv"] * 100)
-
-
-def print_table(headers, rows, out):
+def print_table(headers, rows):
     widths = [max(len(str(row[i])) for row in [headers] + rows) for i in range(len(headers))]
-
-    def line(cells):
-        return "| " + " | ".join(str(cell).ljust(width) for cell, width in zip(cells, widths)) + " |"
-
-    print(line(headers), file=out)
-    print("|" + "|".join("-" * (width + 2) for width in widths) + "|", file=out)
+    line = lambda cells: "| " + " | ".join(str(c).ljust(w) for c, w in zip(cells, widths)) + " |"
+    print(line(headers))
+    print("|" + "|".join("-" * (width + 2) for width in widths) + "|")
     for row in rows:
-        print(line(row), file=out)
+        print(line(row))
 
 
 def main(argv):
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("json", nargs="?", help="Google Benchmark JSON file (default: standard input)")
+    parser.add_argument("--callgrind", help="directory of the callgrind dumps of an --instructions run")
     parser.add_argument("--strict", action="store_true", help="exit with status 1 when a case misses its target")
     arguments = parser.parse_args(argv)
 
@@ -142,83 +158,60 @@ def main(argv):
     except (OSError, ValueError) as error:
         print("compare.py: cannot read the benchmark JSON: %s" % error, file=sys.stderr)
         return 2
-
-    runs = collect(document.get("benchmarks", []))
-    if not runs:
+    cases = collect(document.get("benchmarks", []))
+    instructions = read_instructions(arguments.callgrind) if arguments.callgrind else {}
+    if not cases and not instructions:
         print("compare.py: no Library/* or Baseline/* results in the input", file=sys.stderr)
         return 2
+    for side, case in instructions:
+        cases.setdefault(case, {"order": len(cases) + 1000})
 
-    rows = []
-    missed = []
-    # Cases in the order the binary registers them (its repetitions may run interleaved).
-    for case, sides in sorted(runs.items(), key=lambda item: item[1]["order"]):
-        library, baseline = sides.get("Library"), sides.get("Baseline")
-        label = (library or {}).get("label") or (baseline or {}).get("label")
-        access = access_of(case, label)
-        target = TARGETS[access]
-        errors = [side for side in SIDES if (sides.get(side) or {}).get("error")]
-        if errors or not library or not baseline or not library["median"] or not baseline["median"]:
-            verdict = "error in " + ", ".join(errors) if errors else "incomplete"
-            rows.append([case, format_time((library or {}).get("median")), format_time((baseline or {}).get("median")),
-                         "-", "%.2f" % target, verdict, access, "-", "-"])
-            missed.append(case)
-            continue
-        ratio = library["median"] / baseline["median"]
-        within = ratio <= target
+    rows, missed, rounds = [], [], 0
+    for case, sides in sorted(cases.items(), key=lambda item: item[1]["order"]):
+        library, baseline = sides.get("Library") or {}, sides.get("Baseline") or {}
+        kind = library.get("label") or baseline.get("label") or "-"
+        lib_ir, base_ir = instructions.get(("Library", case)), instructions.get(("Baseline", case))
+        ir_ratio = lib_ir / base_ir if lib_ir and base_ir else None
+        errors = [side for side, slot in (("library", library), ("baseline", baseline)) if slot.get("error")]
+        ratios = paired_ratios(library, baseline, 0) if library.get("runs") and baseline.get("runs") else []
+        rounds = max(rounds, len(ratios))
+        if ratios:
+            wall = statistics.median(ratios)
+            low, high = quartiles(ratios)
+            spread = "%.2f-%.2f" % (low, high)
+        elif library.get("median") and baseline.get("median"):
+            wall, spread = library["median"] / baseline["median"], "-"
+        else:
+            wall, spread = None, "-"
+        checked = [ratio for ratio in (ir_ratio, wall) if ratio is not None]
+        within = bool(checked) and not errors and all(ratio <= TARGET for ratio in checked)
         if not within:
             missed.append(case)
-        cpu_ratio = (
-            "%.2f" % (library["cpu_median"] / baseline["cpu_median"])
-            if library.get("cpu_median") and baseline.get("cpu_median")
-            else "-"
-        )
         rows.append([
-            case,
-            format_time(library["median"]),
-            format_time(baseline["median"]),
-            "%.2f" % ratio,
-            "%.2f" % target,
-            "yes" if within else "NO",
-            access,
-            cpu_ratio,
-            "%s / %s" % (format_cv(library), format_cv(baseline)),
+            case, kind, format_count(lib_ir), format_count(base_ir), "%.3f" % ir_ratio if ir_ratio else "-",
+            format_time(library.get("median")), format_time(baseline.get("median")),
+            "%.3f" % wall if wall else "-", spread,
+            ("error in " + ", ".join(errors)) if errors else ("yes" if within else "NO"),
         ])
 
     context = document.get("context", {})
-    repetitions = max(
-        (entry.get("repetitions", 1) for entry in document.get("benchmarks", [])), default=1
-    )
-    print("notificationdb benchmarks: library against raw sqlite3, median real time of %d repetition(s)"
-          % repetitions)
+    print("notificationdb benchmarks: library against raw sqlite3 (target %.2f)" % TARGET)
     if context:
-        print("host: %s CPU(s) at %s MHz, load average at the start %s" % (
-            context.get("num_cpus", "?"),
-            context.get("mhz_per_cpu", "?"),
-            ", ".join("%.2f" % value for value in context.get("load_avg", [])) or "?",
-        ))
+        print("host: %s CPU(s) at %s MHz, load average at the start %s; %d paired round(s)" % (
+            context.get("num_cpus", "?"), context.get("mhz_per_cpu", "?"),
+            ", ".join("%.2f" % value for value in context.get("load_avg", [])) or "?", rounds))
     print()
-    print_table(
-        ["case", "library median", "baseline median", "ratio lib/base", "target", "within target", "kind",
-         "cpu ratio", "cv lib / base"],
-        rows,
-        sys.stdout,
-    )
+    print_table(["case", "kind", "instr lib", "instr base", "instr ratio", "time lib", "time base",
+                 "paired ratio", "spread", "within target"], rows)
 
-    memory = runs.get(MEMORY_CASE, {})
-    library_peak = (memory.get("Library") or {}).get("peak_bytes")
-    baseline_peak = (memory.get("Baseline") or {}).get("peak_bytes")
+    memory = cases.get(MEMORY_CASE, {})
+    peaks = [max((memory.get(side) or {}).get("peaks") or [0]) or None for side in SIDES]
     print()
-    print_table(
-        ["peak heap of one call", "library", "baseline", "ratio lib/base"],
-        [[MEMORY_CASE, format_bytes(library_peak), format_bytes(baseline_peak),
-          "%.2f" % (library_peak / baseline_peak) if library_peak and baseline_peak else "-"]],
-        sys.stdout,
-    )
+    print_table(["peak heap of one call", "library", "baseline", "ratio lib/base"],
+                [[MEMORY_CASE, format_bytes(peaks[0]), format_bytes(peaks[1]),
+                  "%.2f" % (peaks[0] / peaks[1]) if peaks[0] and peaks[1] else "-"]])
     print()
-    if missed:
-        print("off target: %s" % ", ".join(missed))
-    else:
-        print("every case within its target")
+    print("off target: %s" % ", ".join(missed) if missed else "every case within its target")
     return 1 if arguments.strict and missed else 0
 
 
