@@ -109,25 +109,40 @@ void bindStaticText(sqlite3_stmt* statement, int index, const std::string& text)
     sqlite3_bind_text(statement, index, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
 }
 
-std::optional<std::string> optionalText(sqlite3_stmt* statement, int column) {
-    if (sqlite3_column_type(statement, column) == SQLITE_NULL) return std::nullopt;
-    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement, column));
-    return std::string(text, static_cast<std::size_t>(sqlite3_column_bytes(statement, column)));
+// Column readers in the manner of a careful hand-written decoder: one storage-class lookup per
+// column, the value read straight into the record's member, which starts out empty.
+int columnType(sqlite3_stmt* statement, int column) {
+    return sqlite3_column_type(statement, column);
 }
 
-std::string requiredText(sqlite3_stmt* statement, int column) {
-    if (sqlite3_column_type(statement, column) == SQLITE_NULL) throw std::runtime_error("required text is NULL");
+void assignText(sqlite3_stmt* statement, int column, int type, std::string& out) {
+    if (type != SQLITE_TEXT) throw std::runtime_error("value is not text");
     const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement, column));
-    return std::string(text, static_cast<std::size_t>(sqlite3_column_bytes(statement, column)));
+    out.assign(text, static_cast<std::size_t>(sqlite3_column_bytes(statement, column)));
 }
 
-std::optional<std::int64_t> optionalInteger(sqlite3_stmt* statement, int column) {
-    if (sqlite3_column_type(statement, column) == SQLITE_NULL) return std::nullopt;
-    return sqlite3_column_int64(statement, column);
+void readText(sqlite3_stmt* statement, int column, std::optional<std::string>& out) {
+    const int type = columnType(statement, column);
+    if (type == SQLITE_NULL) return;
+    assignText(statement, column, type, out.emplace());
+}
+
+void readText(sqlite3_stmt* statement, int column, std::string& out) {
+    const int type = columnType(statement, column);
+    if (type == SQLITE_NULL) throw std::runtime_error("required text is NULL");
+    assignText(statement, column, type, out);
+}
+
+void readInteger(sqlite3_stmt* statement, int column, std::optional<std::int64_t>& out) {
+    const int type = columnType(statement, column);
+    if (type == SQLITE_NULL) return;
+    if (type != SQLITE_INTEGER) throw std::runtime_error("value is not an integer");
+    out = sqlite3_column_int64(statement, column);
 }
 
 std::int64_t requiredInteger(sqlite3_stmt* statement, int column) {
-    if (sqlite3_column_type(statement, column) == SQLITE_NULL) throw std::runtime_error("required integer is NULL");
+    const int type = columnType(statement, column);
+    if (type != SQLITE_INTEGER) throw std::runtime_error("required integer is NULL or no integer");
     return sqlite3_column_int64(statement, column);
 }
 
@@ -136,49 +151,62 @@ std::int64_t enumeration(std::int64_t value, std::int64_t caseCount) {
     return value;
 }
 
-// The twelve columns of "notification" from `first` on.
-RawNotification readNotification(sqlite3_stmt* statement, int first) {
-    RawNotification notification;
-    notification.id = optionalInteger(statement, first + 0);
-    notification.customerId = optionalText(statement, first + 1);
-    if (sqlite3_column_type(statement, first + 2) == SQLITE_NULL) throw std::runtime_error("date is NULL");
+// The twelve columns of "notification" from `first` on, into an empty record.
+void readNotification(sqlite3_stmt* statement, int first, RawNotification& notification) {
+    notification.status = enumeration(requiredInteger(statement, first + 10), 3);
+    notification.notificationKind = enumeration(requiredInteger(statement, first + 11), 5);
+    readInteger(statement, first + 0, notification.id);
+    readText(statement, first + 1, notification.customerId);
+    if (columnType(statement, first + 2) != SQLITE_TEXT) throw std::runtime_error("date is no text");
     notification.createdDate =
         parseDate(std::string_view(reinterpret_cast<const char*>(sqlite3_column_text(statement, first + 2)),
                                    static_cast<std::size_t>(sqlite3_column_bytes(statement, first + 2))));
-    notification.version = requiredText(statement, first + 3);
-    notification.analyticsTag = requiredText(statement, first + 4);
-    notification.title = optionalText(statement, first + 5);
-    notification.body = optionalText(statement, first + 6);
-    notification.bannerUrl = optionalText(statement, first + 7);
+    readText(statement, first + 3, notification.version);
+    readText(statement, first + 4, notification.analyticsTag);
+    readText(statement, first + 5, notification.title);
+    readText(statement, first + 6, notification.body);
+    readText(statement, first + 7, notification.bannerUrl);
     notification.isMarketing = requiredInteger(statement, first + 8) != 0;
-    notification.appId = optionalInteger(statement, first + 9);
-    notification.status = enumeration(requiredInteger(statement, first + 10), 3);
-    notification.notificationKind = enumeration(requiredInteger(statement, first + 11), 5);
-    return notification;
+    readInteger(statement, first + 9, notification.appId);
 }
 
-// The seven columns of "notificationButton" from `first` on; absent when the join found none.
-std::optional<RawButton> readButton(sqlite3_stmt* statement, int first) {
-    if (sqlite3_column_type(statement, first) == SQLITE_NULL) return std::nullopt;
-    RawButton button;
-    button.id = optionalInteger(statement, first + 0);
-    button.buttonId = optionalText(statement, first + 1);
-    button.title = optionalText(statement, first + 2);
+// The seven columns of "notificationButton" from `first` on; absent when the join found none
+// (its "id", the row id, is NULL).
+void readButton(sqlite3_stmt* statement, int first, std::optional<RawButton>& out) {
+    if (columnType(statement, first) == SQLITE_NULL) return;
+    RawButton& button = out.emplace();
+    std::optional<std::int64_t> kind;
+    readInteger(statement, first + 5, kind);
+    if (kind) button.actionKind = enumeration(*kind, 7);
+    readInteger(statement, first + 0, button.id);
+    readText(statement, first + 1, button.buttonId);
+    readText(statement, first + 2, button.title);
     button.visible = requiredInteger(statement, first + 3) != 0;
-    button.notificationId = optionalInteger(statement, first + 4);
-    if (auto kind = optionalInteger(statement, first + 5)) button.actionKind = enumeration(*kind, 7);
-    if (sqlite3_column_type(statement, first + 6) != SQLITE_NULL) {
+    readInteger(statement, first + 4, button.notificationId);
+    const int type = columnType(statement, first + 6);
+    if (type == SQLITE_BLOB || type == SQLITE_TEXT) {
         const auto* bytes = static_cast<const std::uint8_t*>(sqlite3_column_blob(statement, first + 6));
         const auto size = static_cast<std::size_t>(sqlite3_column_bytes(statement, first + 6));
         button.userAction.emplace(bytes, bytes + size);
+    } else if (type != SQLITE_NULL) {
+        throw std::runtime_error("value is not a byte string");
     }
-    return button;
 }
 
-std::vector<RawInfo> readJoinedRows(sqlite3* db, sqlite3_stmt* statement) {
+// Every row of the joined read, each pair built in place in the list, whose capacity is that
+// of the statement's previous run.
+std::vector<RawInfo> readJoinedRows(sqlite3* db, RawStatement& slot, sqlite3_stmt* statement) {
     ResetOnExit reset(statement);
     std::vector<RawInfo> result;
-    while (stepRow(db, statement)) result.push_back({readNotification(statement, 0), readButton(statement, 12)});
+    result.reserve(slot.previousRowCount);
+    while (stepRow(db, statement)) {
+        RawInfo& info = result.emplace_back();
+        readNotification(statement, 0, info.notification);
+        readButton(statement, 12, info.button);
+    }
+    slot.previousRowCount = result.size();
+    // A list that came out much shorter than the last one gives the spare room back.
+    if (result.size() < result.capacity() / 2) result.shrink_to_fit();
     return result;
 }
 
@@ -186,7 +214,8 @@ std::vector<RawInfo> readJoinedRows(sqlite3* db, sqlite3_stmt* statement) {
 bool findsNotification(sqlite3* db, sqlite3_stmt* statement) {
     ResetOnExit reset(statement);
     if (!stepRow(db, statement)) return false;
-    (void)readNotification(statement, 0);
+    RawNotification notification;
+    readNotification(statement, 0, notification);
     return true;
 }
 
@@ -502,12 +531,12 @@ std::vector<RawInfo> RawStore::fetchNotifications(const std::optional<std::vecto
     ReadTransaction transaction(*this);
     std::vector<RawInfo> result;
     if (!ids) {
-        result = readJoinedRows(reader, fetchAll_.get(reader, sql::fetchAll));
+        result = readJoinedRows(reader, fetchAll_, fetchAll_.get(reader, sql::fetchAll));
     } else {
         sqlite3_stmt* statement = fetchByIDs_.get(reader, sql::fetchByIDs);
         const std::string list = jsonArray(*ids);
         bindStaticText(statement, 1, list);
-        result = readJoinedRows(reader, statement);
+        result = readJoinedRows(reader, fetchByIDs_, statement);
     }
     transaction.commit();
     return result;
@@ -620,7 +649,7 @@ void RawStore::deleteAllNotifications(std::int64_t kind) {
     WriteTransaction transaction(*this);
     sqlite3_stmt* statement = fetchByKind_.get(writer_, sql::fetchByKind);
     sqlite3_bind_int64(statement, 1, kind);
-    const std::vector<RawInfo> rows = readJoinedRows(writer_, statement);
+    const std::vector<RawInfo> rows = readJoinedRows(writer_, fetchByKind_, statement);
     std::vector<const RawInfo*> named;
     named.reserve(rows.size());
     for (const RawInfo& row : rows) named.push_back(&row);

@@ -66,6 +66,10 @@ public:
     // Prepared on first use on `db`, then reused.
     sqlite3_stmt* get(sqlite3* db, std::string_view sql);
 
+    // Rows that the last complete read through the statement returned: the capacity to reserve
+    // for the next one.
+    std::size_t previousRowCount = 0;
+
 private:
     sqlite3_stmt* statement_ = nullptr;
 };
