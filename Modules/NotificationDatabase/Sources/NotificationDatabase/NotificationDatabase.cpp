@@ -1,6 +1,7 @@
 #include "NotificationDatabase/NotificationDatabase.hpp"
 
 #include "NotificationDatabase/Database/DatabasePool.hpp"
+#include "NotificationDatabase/Database/JoinedRow.hpp"
 #include "NotificationDatabase/Database/RecordPersistence.hpp"
 #include "NotificationDatabase/DatabaseError.hpp"
 #include "NotificationDatabase/NotificationDatabaseConfigurator.hpp"
@@ -9,15 +10,19 @@
 #include "NotificationDatabase/Platform/MainQueue.hpp"
 #include "NotificationDatabase/Platform/ProcessWide.hpp"
 
+#include <algorithm>
 #include <array>
+#include <charconv>
 #include <chrono>
 #include <cstdint>
 #include <initializer_list>
 #include <limits>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace notificationdb {
 
@@ -30,14 +35,90 @@ constexpr auto kNoticeDelay = std::chrono::seconds(1);
 constexpr std::string_view kJoinedSelect =
     "SELECT \"notification\".*, \"notificationButton\".* FROM \"notification\" "
     "LEFT JOIN \"notificationButton\" ON \"notificationButton\".\"notificationId\" = \"notification\".\"id\"";
+constexpr std::string_view kNewestFirst = " ORDER BY \"notification\".\"createdDate\" DESC";
 
-const std::string kFetchAll = std::string(kJoinedSelect) + " ORDER BY \"notification\".\"createdDate\" DESC";
-// A set of ids is bound as one JSON array parameter, so that no number of ids can exceed
-// SQLite's limit on parameters and the statement is prepared once.
-const std::string kFetchByIDs = std::string(kJoinedSelect) +
-                                " WHERE \"notification\".\"id\" IN (SELECT value FROM json_each(?))"
-                                " ORDER BY \"notification\".\"createdDate\" DESC";
-const std::string kFetchByKind = std::string(kJoinedSelect) + " WHERE \"notification\".\"notificationKind\" = ?";
+// Keyed statements are function statics: made on first use, also when a store is made during
+// another file's static initialisation.
+const StatementKey& fetchAllStatement() {
+    static const StatementKey key(std::string(kJoinedSelect) + std::string(kNewestFirst));
+    return key;
+}
+
+const StatementKey& fetchByKindStatement() {
+    static const StatementKey key(std::string(kJoinedSelect) + " WHERE \"notification\".\"notificationKind\" = ?");
+    return key;
+}
+
+// A statement that names a set of ids, `before` + "(ids)" + `after`. Up to 128 ids are bound as
+// parameters of their own, numbered from `firstIndex`, in statements prepared for 1 to 8 ids and
+// for every eighth count up to 128 (a smaller set repeats its last id to fill one). An empty or
+// larger set is bound as one JSON array parameter, so that no count exceeds SQLite's limit on
+// parameters and an empty set still runs the statement.
+class IDSetStatement {
+public:
+    static constexpr std::size_t maximumBound = 128;
+
+    IDSetStatement(std::string_view before, std::string_view after, int firstIndex) : firstIndex_(firstIndex) {
+        for (std::size_t variant = 0; variant < variants_.size(); ++variant) {
+            std::string sql(before);
+            sql += '(';
+            if (variant == 0) {
+                sql += "SELECT value FROM json_each(?" + std::to_string(firstIndex) + ")";
+            } else {
+                for (std::size_t i = 0; i < slotCount(variant); ++i) {
+                    if (i > 0) sql += ", ";
+                    sql += '?' + std::to_string(firstIndex + static_cast<int>(i));
+                }
+            }
+            sql += ')';
+            sql += after;
+            variants_[variant] = std::make_unique<StatementKey>(std::move(sql));
+        }
+    }
+
+    // The statement for `ids` (`count` of them, in any order) with the ids bound.
+    template <class IDs>
+    CachedStatement bound(Connection& connection, const IDs& ids, std::size_t count) const {
+        const std::size_t variant = count == 0 || count > maximumBound ? 0 : count <= 8 ? count : 7 + (count + 7) / 8;
+        auto statement = connection.cachedStatement(*variants_[variant]);
+        if (variant == 0) {
+            statement->bind(firstIndex_, jsonArray(ids));
+            return statement;
+        }
+        int index = firstIndex_;
+        std::int64_t last = 0;
+        for (const std::int64_t id : ids) {
+            statement->bind(index++, id);
+            last = id;
+        }
+        for (std::size_t i = count; i < slotCount(variant); ++i) statement->bind(index++, last);
+        return statement;
+    }
+
+private:
+    static std::size_t slotCount(std::size_t variant) noexcept { return variant <= 8 ? variant : 8 * (variant - 7); }
+
+    template <class IDs>
+    static std::string jsonArray(const IDs& ids) {
+        std::string text = "[";
+        char digits[24];
+        for (const std::int64_t id : ids) {
+            if (text.size() > 1) text += ',';
+            text.append(digits, std::to_chars(digits, digits + sizeof digits, id).ptr);
+        }
+        text += ']';
+        return text;
+    }
+
+    int firstIndex_;
+    std::array<std::unique_ptr<StatementKey>, 24> variants_;
+};
+
+const IDSetStatement& fetchByIDsStatement() {
+    static const IDSetStatement statement(std::string(kJoinedSelect) + " WHERE \"notification\".\"id\" IN ",
+                                          kNewestFirst, 1);
+    return statement;
+}
 
 // Runs one statement whose failure the operation drops without a message. A failure that
 // ended the whole transaction (SQLite rolls back on some I/O and memory errors) cannot be
@@ -53,31 +134,30 @@ bool runDroppingFailure(Connection& connection, Statement&& statement) {
     }
 }
 
-void deleteByIDs(Connection& connection, std::string_view sql, const NotificationIDs& ids) {
+void deleteByIDs(Connection& connection, const IDSetStatement& statement, const std::vector<std::int64_t>& ids) {
     if (ids.empty()) return;
-    auto statement = connection.cachedStatement(sql);
-    // The ids' description, "[1, 2]", is a JSON array.
-    statement->bind(1, describe(ids));
-    statement->execute();
+    statement.bound(connection, ids, ids.size())->execute();
 }
 
 // Deletes the notifications and the buttons that `infos` name, each DELETE's failure dropped.
 template <class Infos>
 void deleteNamed(Connection& connection, const Infos& infos) {
-    NotificationIDs notificationIDs;
-    NotificationIDs buttonIDs;
+    static const IDSetStatement deleteNotifications("DELETE FROM \"notification\" WHERE \"id\" IN ", "", 1);
+    static const IDSetStatement deleteButtons("DELETE FROM \"notificationButton\" WHERE \"id\" IN ", "", 1);
+    // Repeated ids would do no harm in the IN lists; a set of pairs names each notification once.
+    std::vector<std::int64_t> notificationIDs;
+    std::vector<std::int64_t> buttonIDs;
+    notificationIDs.reserve(infos.size());
+    buttonIDs.reserve(infos.size());
     for (const NotificationModelInfo& info : infos) {
-        if (const auto& id = info.notification.id()) notificationIDs.insert(*id);
-        if (info.actionButton && info.actionButton->id()) buttonIDs.insert(*info.actionButton->id());
+        if (const auto& id = info.notification.id()) notificationIDs.push_back(*id);
+        if (info.actionButton && info.actionButton->id()) buttonIDs.push_back(*info.actionButton->id());
     }
-    runDroppingFailure(connection, [&] {
-        deleteByIDs(connection, "DELETE FROM \"notification\" WHERE \"id\" IN (SELECT value FROM json_each(?))",
-                    notificationIDs);
-    });
-    runDroppingFailure(connection, [&] {
-        deleteByIDs(connection, "DELETE FROM \"notificationButton\" WHERE \"id\" IN (SELECT value FROM json_each(?))",
-                    buttonIDs);
-    });
+    // SQLite gathers an IN list into a b-tree first, which takes ids in order at less cost.
+    std::sort(notificationIDs.begin(), notificationIDs.end());
+    std::sort(buttonIDs.begin(), buttonIDs.end());
+    runDroppingFailure(connection, [&] { deleteByIDs(connection, deleteNotifications, notificationIDs); });
+    runDroppingFailure(connection, [&] { deleteByIDs(connection, deleteButtons, buttonIDs); });
 }
 
 // The change notices of this process that are scheduled and not yet posted, numbered in commit
@@ -119,9 +199,18 @@ private:
     std::uint64_t last_ = 0;
 };
 
+// Every row of a joined read, each pair built in place in the list. The list starts with the
+// room that the statement's previous run needed, and gives back what a much shorter run left.
 std::vector<NotificationModelInfo> readJoined(Statement& statement) {
     std::vector<NotificationModelInfo> result;
-    while (statement.step()) result.emplace_back(statement.row());
+    result.reserve(statement.previousRowCount());
+    if (statement.step()) {
+        const JoinedRow row(statement.row());
+        do {
+            result.emplace_back(row);
+        } while (statement.step());
+    }
+    if (result.size() < result.capacity() / 2) result.shrink_to_fit();
     return result;
 }
 
@@ -139,10 +228,16 @@ std::string findOneSQL(std::initializer_list<std::string_view> terms) {
     return sql;
 }
 
-// The four forms of a query with two optional parts, built once: `forms[first][second]`.
+// The four forms of a query with two optional parts, keyed once: `forms[first][second]`.
+using FourForms = std::array<std::array<std::unique_ptr<StatementKey>, 2>, 2>;
 template <class Build>
-std::array<std::array<std::string, 2>, 2> fourForms(Build build) {
-    return {{{build(false, false), build(false, true)}, {build(true, false), build(true, true)}}};
+FourForms fourForms(Build build) {
+    FourForms forms;
+    for (const bool first : {false, true}) {
+        for (const bool second : {false, true})
+            forms[first][second] = std::make_unique<StatementKey>(build(first, second));
+    }
+    return forms;
 }
 
 // Whether the query finds a row, which must also read as a notification.
@@ -207,7 +302,8 @@ void NotificationDatabaseImpl::logFailure(std::string_view text, const std::exce
 std::int64_t NotificationDatabaseImpl::notificationsCount() {
     try {
         return database_->read([](Connection& connection) {
-            auto statement = connection.cachedStatement("SELECT COUNT(*) FROM \"notification\"");
+            static const StatementKey count("SELECT COUNT(*) FROM \"notification\"");
+            auto statement = connection.cachedStatement(count);
             statement->step();
             return statement->row().int64(0);
         });
@@ -225,7 +321,7 @@ bool NotificationDatabaseImpl::contentDuplicate(const NotificationModel& notific
         return findOneSQL({customer ? R"("customerId" = ?1)" : R"("customerId" IS NULL)", R"("notificationKind" = ?2)",
                            R"("version" = ?3)", app ? R"("appId" = ?4)" : ""});
     });
-    auto statement = database.cachedStatement(queries[hasCustomer][hasApp]);
+    auto statement = database.cachedStatement(*queries[hasCustomer][hasApp]);
     if (hasCustomer) statement->bind(1, *notification.customerId());
     statement->bind(2, rawValue(notification.notificationKind));
     statement->bind(3, notification.version);
@@ -236,18 +332,19 @@ bool NotificationDatabaseImpl::contentDuplicate(const NotificationModel& notific
 void NotificationDatabaseImpl::save(const NotificationModelInfo& notificationInfo) {
     try {
         database_->write([&notificationInfo](Connection& connection) {
-            NotificationModel notification = notificationInfo.notification;
+            const NotificationModel& notification = notificationInfo.notification;
             if (const auto& id = notification.id()) {
-                auto exists = connection.cachedStatement("SELECT 1 FROM \"notification\" WHERE \"id\" = ?");
+                static const StatementKey stored("SELECT 1 FROM \"notification\" WHERE \"id\" = ?");
+                auto exists = connection.cachedStatement(stored);
                 exists->bind(1, *id);
                 if (exists->step()) return;
             }
             if (contentDuplicate(notification, connection)) return;
             // No row holds the id (checked above, in this transaction), so saving it is an insert.
-            insertRecord(connection, notification);
+            const std::int64_t id = insertRow(connection, notification);
             if (!notificationInfo.actionButton) return;
             NotificationButton button = *notificationInfo.actionButton;
-            button.notificationId = notification.id();
+            button.notificationId = id;
             saveRecord(connection, button);
         });
     } catch (const std::exception& error) {
@@ -259,13 +356,8 @@ std::vector<NotificationModelInfo> NotificationDatabaseImpl::fetchNotifications(
     const std::optional<NotificationIDs>& ids) {
     try {
         return database_->read([&ids](Connection& connection) {
-            if (!ids) {
-                auto statement = connection.cachedStatement(kFetchAll);
-                return readJoined(*statement);
-            }
-            auto statement = connection.cachedStatement(kFetchByIDs);
-            statement->bind(1, describe(*ids));
-            return readJoined(*statement);
+            if (!ids) return readJoined(*connection.cachedStatement(fetchAllStatement()));
+            return readJoined(*fetchByIDsStatement().bound(connection, *ids, ids->size()));
         });
     } catch (const std::exception& error) {
         logFailure("Unable to read wrapped notifications: ", error);
@@ -276,7 +368,7 @@ std::vector<NotificationModelInfo> NotificationDatabaseImpl::fetchNotifications(
 bool NotificationDatabaseImpl::containsVantro(const std::string& version) {
     try {
         return database_->read([&version](Connection& connection) {
-            static const std::string query = findOneSQL({R"("version" = ?)"});
+            static const StatementKey query(findOneSQL({R"("version" = ?)"}));
             auto statement = connection.cachedStatement(query);
             statement->bind(1, version);
             return findsNotification(*statement);
@@ -296,7 +388,7 @@ bool NotificationDatabaseImpl::containsNotification(NotificationKind type, const
                 return findOneSQL({R"("customerId" = ?1)", R"("notificationKind" = ?2)", app ? R"("appId" = ?3)" : "",
                                    withVersion ? R"("version" = ?4)" : ""});
             });
-            auto statement = connection.cachedStatement(queries[appID.has_value()][version.has_value()]);
+            auto statement = connection.cachedStatement(*queries[appID.has_value()][version.has_value()]);
             statement->bind(1, customer);
             statement->bind(2, rawValue(type));
             if (appID) statement->bind(3, *appID);
@@ -311,10 +403,9 @@ bool NotificationDatabaseImpl::containsNotification(NotificationKind type, const
 void NotificationDatabaseImpl::updateStatus(const NotificationIDs& notificationIDs, NotificationStatus status) {
     try {
         database_->write([&](Connection& connection) {
-            auto statement = connection.cachedStatement(
-                "UPDATE \"notification\" SET \"status\" = ? WHERE \"id\" IN (SELECT value FROM json_each(?))");
+            static const IDSetStatement update("UPDATE \"notification\" SET \"status\" = ?1 WHERE \"id\" IN ", "", 2);
+            auto statement = update.bound(connection, notificationIDs, notificationIDs.size());
             statement->bind(1, rawValue(status));
-            statement->bind(2, describe(notificationIDs));
             statement->execute();
         });
     } catch (const std::exception& error) {
@@ -325,13 +416,20 @@ void NotificationDatabaseImpl::updateStatus(const NotificationIDs& notificationI
 void NotificationDatabaseImpl::updateButtonVisibility(const NotificationIDs& notificationIDs, bool isVisible) {
     try {
         database_->write([&](Connection& connection) {
+            static const StatementKey update(
+                "UPDATE \"notificationButton\" SET \"visible\" = ? WHERE \"notificationId\" = ?");
+            // Taken on the first id, so that an empty set prepares nothing and a failure to
+            // prepare ends the loop like any failing update.
+            std::optional<CachedStatement> statement;
             for (const std::int64_t id : notificationIDs) {
                 const bool updated = runDroppingFailure(connection, [&] {
-                    auto statement = connection.cachedStatement(
-                        "UPDATE \"notificationButton\" SET \"visible\" = ? WHERE \"notificationId\" = ?");
-                    statement->bind(1, std::int64_t{isVisible ? 1 : 0});
-                    statement->bind(2, id);
-                    statement->execute();
+                    if (!statement) {
+                        statement.emplace(connection.cachedStatement(update));
+                        (*statement)->bind(1, std::int64_t{isVisible ? 1 : 0});
+                    }
+                    (*statement)->bind(2, id);
+                    (*statement)->execute();
+                    (*statement)->rewind();
                 });
                 // The first failing id ends the loop; the updates before it commit.
                 if (!updated) break;
@@ -354,10 +452,10 @@ void NotificationDatabaseImpl::deleteNotifications(const NotificationModelInfoSe
 void NotificationDatabaseImpl::deleteAll() {
     try {
         database_->write([](Connection& connection) {
-            runDroppingFailure(connection,
-                               [&] { connection.cachedStatement("DELETE FROM \"notification\"")->execute(); });
-            runDroppingFailure(connection,
-                               [&] { connection.cachedStatement("DELETE FROM \"notificationButton\"")->execute(); });
+            static const StatementKey deleteNotifications("DELETE FROM \"notification\"");
+            static const StatementKey deleteButtons("DELETE FROM \"notificationButton\"");
+            runDroppingFailure(connection, [&] { connection.cachedStatement(deleteNotifications)->execute(); });
+            runDroppingFailure(connection, [&] { connection.cachedStatement(deleteButtons)->execute(); });
         });
     } catch (const std::exception& error) {
         logFailure("Unable to reset notification database: ", error);
@@ -369,7 +467,7 @@ void NotificationDatabaseImpl::deleteAllNotifications(NotificationKind kind) {
         database_->write([kind](Connection& connection) {
             std::vector<NotificationModelInfo> rows;
             {
-                auto statement = connection.cachedStatement(kFetchByKind);
+                auto statement = connection.cachedStatement(fetchByKindStatement());
                 statement->bind(1, rawValue(kind));
                 rows = readJoined(*statement);
             }

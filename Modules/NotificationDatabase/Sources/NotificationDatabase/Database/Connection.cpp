@@ -6,6 +6,7 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <thread>
 #include <string>
@@ -99,6 +100,7 @@ Connection::Connection(const std::filesystem::path& path, Mode mode, const BusyM
 
 Connection::~Connection() {
     cache_.clear();
+    keyed_.clear();
     sqlite3_close_v2(db_);
 }
 
@@ -127,13 +129,24 @@ void Connection::execute(std::string_view sql) {
     }
 }
 
+StatementKey::StatementKey(std::string sql) : sql_(std::move(sql)) {
+    static std::atomic<std::size_t> nextSlot{0};
+    slot_ = nextSlot.fetch_add(1, std::memory_order_relaxed);
+}
+
 CachedStatement Connection::cachedStatement(std::string_view sql) {
     auto found = cache_.find(sql);
-    if (found == cache_.end()) {
-        auto statement = std::make_unique<Statement>(db_, sql, &journal_);
-        found = cache_.emplace(std::string(sql), CacheEntry{std::move(statement), false}).first;
-    }
-    CacheEntry& entry = found->second;
+    if (found == cache_.end()) found = cache_.emplace(std::string(sql), CacheEntry{}).first;
+    return use(found->second, sql);
+}
+
+CachedStatement Connection::cachedStatement(const StatementKey& key) {
+    if (key.slot() >= keyed_.size()) keyed_.resize(key.slot() + 1);
+    return use(keyed_[key.slot()], key.sql());
+}
+
+CachedStatement Connection::use(CacheEntry& entry, std::string_view sql) {
+    if (!entry.statement) entry.statement = std::make_unique<Statement>(db_, sql, &journal_);
     if (entry.inUse) {
         // The same SQL is already running further up the stack: use a private copy.
         auto owned = std::make_unique<Statement>(db_, sql, &journal_);
@@ -161,7 +174,8 @@ bool Connection::isInsideTransaction() const noexcept {
 }
 
 bool Connection::tableExists(std::string_view name) {
-    auto statement = cachedStatement("SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = ? COLLATE NOCASE");
+    static const StatementKey query("SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = ? COLLATE NOCASE");
+    auto statement = cachedStatement(query);
     statement->bind(1, name);
     return statement->step();
 }

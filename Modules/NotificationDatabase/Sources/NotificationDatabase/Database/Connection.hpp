@@ -3,6 +3,7 @@
 #include <NotificationDatabase/Database/Statement.hpp>
 
 #include <cstdint>
+#include <deque>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -38,7 +39,26 @@ private:
     bool* inUse_;
 };
 
-// One SQLite connection (RAII). Prepared statements are cached per connection by SQL text.
+// A statement that the library runs again and again, named once for the whole process: its SQL
+// and a slot of its own in every connection's cache, so that finding it there costs an index
+// rather than hashing and comparing its text. Keys are meant to live as long as the process
+// (static objects); each one takes a new slot.
+class StatementKey {
+public:
+    explicit StatementKey(std::string sql);
+    StatementKey(const StatementKey&) = delete;
+    StatementKey& operator=(const StatementKey&) = delete;
+
+    const std::string& sql() const noexcept { return sql_; }
+    std::size_t slot() const noexcept { return slot_; }
+
+private:
+    std::string sql_;
+    std::size_t slot_;
+};
+
+// One SQLite connection (RAII). Prepared statements are cached per connection, by key or by SQL
+// text.
 // Not thread-safe: a connection is used by one thread at a time (the pool sees to that).
 class Connection {
 public:
@@ -56,6 +76,8 @@ public:
     void execute(std::string_view sql);
     // A cached prepared statement for `sql`, prepared on first use.
     CachedStatement cachedStatement(std::string_view sql);
+    // The same for a keyed statement.
+    CachedStatement cachedStatement(const StatementKey& key);
     // A statement prepared for one use only.
     std::unique_ptr<Statement> makeStatement(std::string_view sql);
 
@@ -77,11 +99,15 @@ private:
         std::unique_ptr<Statement> statement;
         bool inUse = false;
     };
+    CachedStatement use(CacheEntry& entry, std::string_view sql);
 
     sqlite3* db_ = nullptr;
     ChangeJournal journal_;
     std::function<bool(int)> busyCallback_;
     std::unordered_map<std::string, CacheEntry, SQLHash, std::equal_to<>> cache_;
+    // By `StatementKey::slot()`; growing a deque at its end keeps the entries in place, which
+    // the statements in use point to.
+    std::deque<CacheEntry> keyed_;
 };
 
 }  // namespace notificationdb

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <cstring>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -48,6 +49,17 @@ private:
 };
 
 constexpr std::size_t kMaximumTrackedTables = 64;
+
+enum class Transaction { beginDeferred, beginImmediate, commit, rollback };
+
+// The transaction statements, keyed once (function statics, so that a pool made during another
+// file's static initialisation finds them made).
+const StatementKey& statement(Transaction step) {
+    static const StatementKey keys[] = {StatementKey("BEGIN DEFERRED TRANSACTION"),
+                                        StatementKey("BEGIN IMMEDIATE TRANSACTION"), StatementKey("COMMIT TRANSACTION"),
+                                        StatementKey("ROLLBACK TRANSACTION")};
+    return keys[static_cast<int>(step)];
+}
 
 // Switching a new file to WAL needs a lock that SQLite does not wait for (it answers BUSY at
 // once rather than risk a deadlock), so two processes creating the same file can collide here.
@@ -112,12 +124,16 @@ struct DatabasePool::Shared {
     std::vector<std::unique_ptr<Connection>> idleReaders;
     int openReaders = 0;
 
+    // Called for every changed row: the exact spelling of a tracked name is tried first.
     static void updateHook(void* context, int /*operation*/, const char* database, const char* table,
                            sqlite3_int64 /*rowID*/) {
         auto* shared = static_cast<Shared*>(context);
-        if (database == nullptr || table == nullptr || std::string_view(database) != "main") return;
+        if (database == nullptr || table == nullptr || std::strcmp(database, "main") != 0) return;
+        const std::string_view name(table);
         for (std::size_t bit = 0; bit < shared->trackedTables.size(); ++bit) {
-            if (equalsIgnoringCase(shared->trackedTables[bit], table)) {
+            const std::string& tracked = shared->trackedTables[bit];
+            if (tracked.size() == name.size() &&
+                (std::memcmp(tracked.data(), name.data(), name.size()) == 0 || equalsIgnoringCase(tracked, name))) {
                 shared->writer->changeJournal().pending |= std::uint64_t{1} << bit;
                 return;
             }
@@ -246,14 +262,14 @@ void DatabasePool::writeImpl(const std::function<void(Connection&)>& body, Begin
     Connection& writer = *shared.writer;
     writer.changeJournal() = {};
     const bool deferred = begin == Begin::deferred || shared.configuration.readOnly;
-    writer.cachedStatement(deferred ? "BEGIN DEFERRED TRANSACTION" : "BEGIN IMMEDIATE TRANSACTION")->execute();
+    writer.cachedStatement(statement(deferred ? Transaction::beginDeferred : Transaction::beginImmediate))->execute();
     try {
         body(writer);
-        writer.cachedStatement("COMMIT TRANSACTION")->execute();
+        writer.cachedStatement(statement(Transaction::commit))->execute();
     } catch (...) {
         if (writer.isInsideTransaction()) {
             try {
-                writer.cachedStatement("ROLLBACK TRANSACTION")->execute();
+                writer.cachedStatement(statement(Transaction::rollback))->execute();
             } catch (...) {
                 // The transaction is gone either way; the original failure is what matters.
             }
@@ -271,19 +287,19 @@ void DatabasePool::readImpl(const std::function<void(Connection&)>& body) {
     Shared& shared = *shared_;
     std::unique_ptr<Connection> reader = shared.acquireReader();
     try {
-        reader->cachedStatement("BEGIN DEFERRED TRANSACTION")->execute();
+        reader->cachedStatement(statement(Transaction::beginDeferred))->execute();
         try {
             body(*reader);
         } catch (...) {
             if (reader->isInsideTransaction()) {
                 try {
-                    reader->cachedStatement("ROLLBACK TRANSACTION")->execute();
+                    reader->cachedStatement(statement(Transaction::rollback))->execute();
                 } catch (...) {
                 }
             }
             throw;
         }
-        reader->cachedStatement("COMMIT TRANSACTION")->execute();
+        reader->cachedStatement(statement(Transaction::commit))->execute();
     } catch (...) {
         shared.returnReader(std::move(reader));
         throw;

@@ -20,6 +20,10 @@ void appendQuoted(std::string& sql, std::string_view identifier) {
 
 }  // namespace
 
+void throwMissing(std::string_view table, std::string_view field, bool columnMissing) {
+    throw RecordDecodingError(table, field, columnMissing ? "column is missing" : "required value is NULL");
+}
+
 std::int64_t integerColumn(const Row& row, int index, ColumnType type, std::string_view table, std::string_view field) {
     if (type == ColumnType::integer) return row.int64(index);
     if (type == ColumnType::real) {
@@ -75,48 +79,31 @@ Timestamp dateColumn(const Row& row, int index, ColumnType type, std::string_vie
     throw RecordDecodingError(table, field, "value is not a date");
 }
 
-void bindFieldValue(Statement& statement, int index, const FieldValue& value, const FieldDescriptor& field,
-                    std::string_view table) {
-    if (std::holds_alternative<std::monostate>(value)) {
-        statement.bindNull(index);
-        return;
+void bindFieldView(Statement& statement, int index, const FieldView& value, std::string_view table,
+                   std::string_view field) {
+    switch (value.index()) {
+        case 1:
+            statement.bind(index, std::get<1>(value));
+            return;
+        case 2:
+            statement.bindNoCopy(index, *std::get<2>(value));
+            return;
+        case 3: {
+            const auto text = formatDateText(std::get<3>(value));
+            if (!text) throw RecordDecodingError(table, field, "date is outside years 0000 to 9999");
+            statement.bind(index, std::string_view(*text));
+            return;
+        }
+        case 4:
+            statement.bind(index, std::int64_t{std::get<4>(value) ? 1 : 0});
+            return;
+        case 5:
+            statement.bindNoCopy(index, *std::get<5>(value));
+            return;
+        default:
+            statement.bindNull(index);
+            return;
     }
-    switch (field.type) {
-        case FieldType::integer:
-        case FieldType::enumeration:
-            if (const auto* integer = std::get_if<std::int64_t>(&value)) {
-                statement.bind(index, *integer);
-                return;
-            }
-            break;
-        case FieldType::boolean:
-            if (const auto* boolean = std::get_if<bool>(&value)) {
-                statement.bind(index, std::int64_t{*boolean ? 1 : 0});
-                return;
-            }
-            break;
-        case FieldType::text:
-            if (const auto* text = std::get_if<std::string>(&value)) {
-                statement.bind(index, std::string_view(*text));
-                return;
-            }
-            break;
-        case FieldType::bytes:
-            if (const auto* bytes = std::get_if<Bytes>(&value)) {
-                statement.bind(index, std::span<const std::uint8_t>(*bytes));
-                return;
-            }
-            break;
-        case FieldType::date:
-            if (const auto* date = std::get_if<Timestamp>(&value)) {
-                auto text = formatDateText(*date);
-                if (!text) throw RecordDecodingError(table, field.name, "date is outside years 0000 to 9999");
-                statement.bind(index, std::string_view(*text));
-                return;
-            }
-            break;
-    }
-    throw RecordDecodingError(table, field.name, "value does not match the field's type");
 }
 
 std::string makeInsertSQL(std::string_view table, std::span<const FieldDescriptor> fields) {

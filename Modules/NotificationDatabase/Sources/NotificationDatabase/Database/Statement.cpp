@@ -22,12 +22,13 @@ void ChangeJournal::statementEnded(sqlite3* connection, int resultCode) noexcept
 
 // How the columns of a statement's rows are grouped: the base part (the first table's
 // columns, or every column when SQLite reports no origin table) and one scope per further
-// table. Computed once per statement; also caches name lookups done by record readers.
-struct Statement::Layout {
+// table. Computed once per preparation; also caches name lookups done by record readers.
+struct Row::Layout {
     struct Scope {
         std::string name;
         int begin;
         int end;
+        int key;
     };
     struct Resolution {
         const void* key;
@@ -38,7 +39,6 @@ struct Statement::Layout {
     // SQLite may prepare the statement again after a schema change, and `*` then expands to
     // other columns: the layout belongs to one preparation.
     int preparation = 0;
-    int baseEnd = 0;
     std::vector<Scope> scopes;
     std::vector<Resolution> resolutions;
     // The last scope asked for by name (readers ask for the same one on every row) and its
@@ -46,6 +46,36 @@ struct Statement::Layout {
     std::string lastScopeName;
     int lastScope = -1;
 };
+
+namespace {
+
+// A column of `scope`'s table that no stored row holds NULL in, when every column of the scope
+// comes straight from that one table: then that column is NULL exactly when a LEFT JOIN found
+// no row. -1 when there is none, or when SQLite cannot tell.
+int neverNullColumn(sqlite3* connection, sqlite3_stmt* statement, int begin, int end) {
+    for (int i = begin; i < end; ++i) {
+        const char* database = sqlite3_column_database_name(statement, i);
+        const char* table = sqlite3_column_table_name(statement, i);
+        const char* column = sqlite3_column_origin_name(statement, i);
+        if (database == nullptr || table == nullptr || column == nullptr) return -1;
+    }
+    for (int i = begin; i < end; ++i) {
+        int notNull = 0;
+        int primaryKey = 0;
+        int autoincrement = 0;
+        // AUTOINCREMENT is allowed on an INTEGER PRIMARY KEY alone, the row id, which is never NULL.
+        if (sqlite3_table_column_metadata(connection, sqlite3_column_database_name(statement, i),
+                                          sqlite3_column_table_name(statement, i),
+                                          sqlite3_column_origin_name(statement, i), nullptr, nullptr, &notNull,
+                                          &primaryKey, &autoincrement) == SQLITE_OK &&
+            (notNull != 0 || autoincrement != 0)) {
+            return i;
+        }
+    }
+    return -1;
+}
+
+}  // namespace
 
 Statement::Statement(sqlite3* connection, std::string_view sql, ChangeJournal* journal)
     : connection_(connection), journal_(journal), sql_(sql) {
@@ -98,9 +128,28 @@ void Statement::bind(int index, std::span<const std::uint8_t> bytes) {
     if (rc != SQLITE_OK) fail(rc);
 }
 
+void Statement::bindNoCopy(int index, const std::string& text) {
+    if (text.size() > static_cast<std::size_t>(INT_MAX)) fail(SQLITE_TOOBIG);
+    int rc = sqlite3_bind_text64(statement_, index, text.data(), text.size(), SQLITE_STATIC, SQLITE_UTF8);
+    if (rc != SQLITE_OK) fail(rc);
+}
+
+void Statement::bindNoCopy(int index, const std::vector<std::uint8_t>& bytes) {
+    static const std::uint8_t empty = 0;
+    const void* data = bytes.empty() ? &empty : bytes.data();
+    int rc = sqlite3_bind_blob64(statement_, index, data, bytes.size(), SQLITE_STATIC);
+    if (rc != SQLITE_OK) fail(rc);
+}
+
 bool Statement::step() {
     int rc = sqlite3_step(statement_);
-    if (rc == SQLITE_ROW) return true;
+    if (rc == SQLITE_ROW) {
+        ++rowsThisRun_;
+        return true;
+    }
+    layoutChecked_ = false;
+    if (rc == SQLITE_DONE) previousRowCount_ = rowsThisRun_;
+    rowsThisRun_ = 0;
     if (journal_ != nullptr) journal_->statementEnded(connection_, rc);
     if (rc == SQLITE_DONE) return false;
     // sqlite3_reset returns the same error and keeps the connection's message for it.
@@ -113,8 +162,14 @@ void Statement::execute() {
 }
 
 void Statement::reset() noexcept {
-    sqlite3_reset(statement_);
+    rewind();
     sqlite3_clear_bindings(statement_);
+}
+
+void Statement::rewind() noexcept {
+    sqlite3_reset(statement_);
+    layoutChecked_ = false;
+    rowsThisRun_ = 0;
 }
 
 int Statement::columnCount() const noexcept {
@@ -126,39 +181,36 @@ std::string_view Statement::columnName(int index) const noexcept {
     return name != nullptr ? std::string_view(name) : std::string_view();
 }
 
-const Statement::Layout& Statement::layout() {
+void Statement::checkLayout() {
     const int preparation = sqlite3_stmt_status(statement_, SQLITE_STMTSTATUS_REPREPARE, 0);
-    if (layout_ && layout_->preparation == preparation) return *layout_;
-    auto layout = std::make_unique<Layout>();
-    layout->preparation = preparation;
-    const int count = columnCount();
-    auto tableOf = [this](int index) {
-        const char* table = sqlite3_column_table_name(statement_, index);
-        return table != nullptr ? std::string(table) : std::string();
-    };
-    int index = 0;
-    if (count > 0) {
-        const std::string baseTable = tableOf(0);
-        if (baseTable.empty()) {
-            index = count;
-        } else {
-            while (index < count && tableOf(index) == baseTable) ++index;
+    if (!layout_ || layout_->preparation != preparation) {
+        auto layout = std::make_unique<Row::Layout>();
+        layout->preparation = preparation;
+        const int count = columnCount();
+        auto tableOf = [this](int index) {
+            const char* table = sqlite3_column_table_name(statement_, index);
+            return table != nullptr ? std::string(table) : std::string();
+        };
+        int index = 0;
+        if (count > 0) {
+            const std::string baseTable = tableOf(0);
+            if (baseTable.empty()) {
+                index = count;
+            } else {
+                while (index < count && tableOf(index) == baseTable) ++index;
+            }
         }
+        baseEnd_ = index;
+        while (index < count) {
+            std::string table = tableOf(index);
+            const int begin = index;
+            while (index < count && tableOf(index) == table) ++index;
+            const int key = table.empty() ? -1 : neverNullColumn(connection_, statement_, begin, index);
+            layout->scopes.push_back({std::move(table), begin, index, key});
+        }
+        layout_ = std::move(layout);
     }
-    layout->baseEnd = index;
-    while (index < count) {
-        std::string table = tableOf(index);
-        const int begin = index;
-        while (index < count && tableOf(index) == table) ++index;
-        layout->scopes.push_back({std::move(table), begin, index});
-    }
-    layout_ = std::move(layout);
-    return *layout_;
-}
-
-Row Statement::row() noexcept {
-    // The layout is computed on the first row; a failure to allocate it would be fatal anyway.
-    return {this, 0, layout().baseEnd};
+    layoutChecked_ = true;
 }
 
 int Row::index(std::string_view name) const noexcept {
@@ -169,7 +221,7 @@ int Row::index(std::string_view name) const noexcept {
 }
 
 std::optional<Row> Row::scope(std::string_view name) const {
-    auto& layout = const_cast<Statement::Layout&>(statement_->layout());
+    Layout& layout = *layout_;
     if (name != layout.lastScopeName) {
         layout.lastScope = -1;
         for (std::size_t i = 0; i < layout.scopes.size(); ++i) {
@@ -182,43 +234,11 @@ std::optional<Row> Row::scope(std::string_view name) const {
     }
     if (layout.lastScope < 0) return std::nullopt;
     const auto& scope = layout.scopes[static_cast<std::size_t>(layout.lastScope)];
-    return Row(statement_, scope.begin, scope.end);
-}
-
-bool Row::allNull() const noexcept {
-    for (int i = begin_; i < end_; ++i) {
-        if (!isNull(i)) return false;
-    }
-    return true;
-}
-
-ColumnType Row::type(int index) const noexcept {
-    return static_cast<ColumnType>(sqlite3_column_type(statement_->statement_, index));
-}
-
-std::int64_t Row::int64(int index) const noexcept {
-    return sqlite3_column_int64(statement_->statement_, index);
-}
-
-double Row::real(int index) const noexcept {
-    return sqlite3_column_double(statement_->statement_, index);
-}
-
-std::string_view Row::text(int index) const noexcept {
-    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement_->statement_, index));
-    const int size = sqlite3_column_bytes(statement_->statement_, index);
-    return text != nullptr ? std::string_view(text, static_cast<std::size_t>(size)) : std::string_view();
-}
-
-std::span<const std::uint8_t> Row::blob(int index) const noexcept {
-    const auto* bytes = static_cast<const std::uint8_t*>(sqlite3_column_blob(statement_->statement_, index));
-    const int size = sqlite3_column_bytes(statement_->statement_, index);
-    return bytes != nullptr ? std::span<const std::uint8_t>(bytes, static_cast<std::size_t>(size))
-                            : std::span<const std::uint8_t>();
+    return Row(statement_, handle_, layout_, scope.begin, scope.end, scope.key);
 }
 
 std::span<const int> Row::resolve(const void* key, std::span<const std::string_view> names) const {
-    auto& layout = const_cast<Statement::Layout&>(statement_->layout());
+    Layout& layout = *layout_;
     for (const auto& resolution : layout.resolutions) {
         if (resolution.key == key && resolution.begin == begin_) return resolution.indexes;
     }

@@ -14,16 +14,11 @@ using std::chrono::milliseconds;
 constexpr std::int64_t kEarliestMilliseconds = -62167219200000;
 constexpr std::int64_t kLatestMilliseconds = 253402300800000;
 
-// Reads exactly `count` digits at `position`.
-bool readDigits(std::string_view text, std::size_t position, std::size_t count, int& value) {
-    if (position + count > text.size()) return false;
-    value = 0;
-    for (std::size_t i = position; i < position + count; ++i) {
-        const char c = text[i];
-        if (c < '0' || c > '9') return false;
-        value = value * 10 + (c - '0');
-    }
-    return true;
+// The two digits at `position` as a number, or a value above 99 when either is no digit.
+unsigned twoDigits(const char* text, std::size_t position) noexcept {
+    const auto tens = static_cast<unsigned>(static_cast<unsigned char>(text[position]) - '0');
+    const auto ones = static_cast<unsigned>(static_cast<unsigned char>(text[position + 1]) - '0');
+    return tens < 10 && ones < 10 ? tens * 10 + ones : 100;
 }
 
 }  // namespace
@@ -63,30 +58,39 @@ std::optional<std::string> formatDateText(Timestamp instant) {
 std::optional<Timestamp> parseDateText(std::string_view text) {
     // The date, then optionally a separator and HH:MM, then optionally :SS, then optionally
     // exactly three fraction digits: lengths 10, 16, 19 and 23 are the only forms.
-    if (text.size() != 10 && text.size() != 16 && text.size() != 19 && text.size() != 23) return std::nullopt;
-    int year = 0;
-    int month = 0;
-    int day = 0;
-    if (!readDigits(text, 0, 4, year) || text[4] != '-' || !readDigits(text, 5, 2, month) || text[7] != '-' ||
-        !readDigits(text, 8, 2, day)) {
+    const std::size_t size = text.size();
+    if (size != 10 && size != 16 && size != 19 && size != 23) return std::nullopt;
+    const char* const p = text.data();
+    const unsigned century = twoDigits(p, 0);
+    const unsigned yearOfCentury = twoDigits(p, 2);
+    const unsigned month = twoDigits(p, 5);
+    const unsigned day = twoDigits(p, 8);
+    if (century > 99 || yearOfCentury > 99 || p[4] != '-' || p[7] != '-' || month > 99 || day > 99) {
         return std::nullopt;
     }
-    const std::chrono::year_month_day date{std::chrono::year(year), std::chrono::month(static_cast<unsigned>(month)),
-                                           std::chrono::day(static_cast<unsigned>(day))};
+    const std::chrono::year_month_day date{std::chrono::year(static_cast<int>(century * 100 + yearOfCentury)),
+                                           std::chrono::month(month), std::chrono::day(day)};
     if (!date.ok()) return std::nullopt;
 
-    int hour = 0;
-    int minute = 0;
-    int second = 0;
-    int millisecond = 0;
-    if (text.size() >= 16 && ((text[10] != ' ' && text[10] != 'T') || !readDigits(text, 11, 2, hour) ||
-                              text[13] != ':' || !readDigits(text, 14, 2, minute))) {
-        return std::nullopt;
+    unsigned hour = 0;
+    unsigned minute = 0;
+    unsigned second = 0;
+    unsigned millisecond = 0;
+    if (size >= 16) {
+        hour = twoDigits(p, 11);
+        minute = twoDigits(p, 14);
+        if ((p[10] != ' ' && p[10] != 'T') || p[13] != ':' || hour > 23 || minute > 59) return std::nullopt;
     }
-    if (text.size() >= 19 && (text[16] != ':' || !readDigits(text, 17, 2, second))) return std::nullopt;
-    if (text.size() == 23 && (text[19] != '.' || !readDigits(text, 20, 3, millisecond))) return std::nullopt;
-    if (hour > 23 || minute > 59 || second > 59) return std::nullopt;
-
+    if (size >= 19) {
+        second = twoDigits(p, 17);
+        if (p[16] != ':' || second > 59) return std::nullopt;
+    }
+    if (size == 23) {
+        const unsigned hundreds = static_cast<unsigned>(static_cast<unsigned char>(p[20]) - '0');
+        const unsigned rest = twoDigits(p, 21);
+        if (p[19] != '.' || hundreds > 9 || rest > 99) return std::nullopt;
+        millisecond = hundreds * 100 + rest;
+    }
     const auto instant = std::chrono::sys_days(date) + std::chrono::hours(hour) + std::chrono::minutes(minute) +
                          std::chrono::seconds(second) + milliseconds(millisecond);
     return Timestamp(instant);

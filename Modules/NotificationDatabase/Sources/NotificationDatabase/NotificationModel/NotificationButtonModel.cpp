@@ -3,6 +3,7 @@
 #include "NotificationDatabase/Database/RecordPersistence.hpp"
 
 #include <array>
+#include <type_traits>
 #include <utility>
 
 namespace notificationdb {
@@ -19,47 +20,60 @@ NotificationButton::NotificationButton(std::optional<std::int64_t> id, std::opti
       userAction(std::move(userAction)),
       id_(id) {}
 
-FieldValue RecordCoding<NotificationButton>::encode(const NotificationButton& record, std::size_t fieldIndex) {
-    const auto optionalField = [](const auto& value) -> FieldValue {
+FieldView RecordCoding<NotificationButton>::view(const NotificationButton& record, std::size_t fieldIndex) {
+    const auto optionalView = []<class T>(const std::optional<T>& value) -> FieldView {
         if (!value) return std::monostate{};
-        return *value;
+        if constexpr (std::is_same_v<T, std::string> || std::is_same_v<T, Bytes>) {
+            return &*value;
+        } else {
+            return *value;
+        }
     };
     switch (fieldIndex) {
         case 0:
-            return optionalField(record.id_);
+            return optionalView(record.id_);
         case 1:
-            return optionalField(record.buttonId);
+            return optionalView(record.buttonId);
         case 2:
-            return optionalField(record.title);
+            return optionalView(record.title);
         case 3:
             return record.visible;
         case 4:
-            return optionalField(record.notificationId);
+            return optionalView(record.notificationId);
         case 5:
             if (!record.actionKind) return std::monostate{};
             return rawValue(*record.actionKind);
         case 6:
-            return optionalField(record.userAction);
+            return optionalView(record.userAction);
         default:
             return std::monostate{};
     }
 }
 
-template <FieldSource Source>
-NotificationButton RecordCoding<NotificationButton>::decode(Source& source) {
-    std::optional<UserActionKind> actionKind;
-    if (auto raw = source.template optional<std::int64_t>(5)) {
-        actionKind = fromRawValue<UserActionKind>(*raw);
-        if (!actionKind) throw RecordDecodingError(tableName, "actionKind", "integer is no UserActionKind");
-    }
-    return {source.template optional<std::int64_t>(0), source.template optional<std::string>(1),
-            source.template optional<std::string>(2),  source.template required<bool>(3),
-            source.template optional<std::int64_t>(4), actionKind,
-            source.template optional<Bytes>(6)};
+FieldValue RecordCoding<NotificationButton>::encode(const NotificationButton& record, std::size_t fieldIndex) {
+    return toFieldValue(view(record, fieldIndex));
 }
 
-template NotificationButton RecordCoding<NotificationButton>::decode(FieldValues<7>&);
+// The action kind first, then the fields in column order: with several faults in a row, the
+// first of them in this order is the one reported.
+template <FieldSource Source>
+void RecordCoding<NotificationButton>::decode(Source& source, NotificationButton& record) {
+    if (auto raw = source.template optional<std::int64_t>(5)) {
+        record.actionKind = fromRawValue<UserActionKind>(*raw);
+        if (!record.actionKind) throw RecordDecodingError(tableName, "actionKind", "integer is no UserActionKind");
+    } else {
+        record.actionKind.reset();
+    }
+    record.id_ = source.template optional<std::int64_t>(0);
+    source.optional(1, record.buttonId);
+    source.optional(2, record.title);
+    record.visible = source.template required<bool>(3);
+    record.notificationId = source.template optional<std::int64_t>(4);
+    source.optional(6, record.userAction);
+}
+
+template void RecordCoding<NotificationButton>::decode(FieldValues<7>&, NotificationButton&);
 // Rows belong to the private database layer: this instance stays inside the library.
-template NOTIFICATIONDB_HIDDEN NotificationButton RecordCoding<NotificationButton>::decode(RowFields&);
+template NOTIFICATIONDB_HIDDEN void RecordCoding<NotificationButton>::decode(RowFields&, NotificationButton&);
 
 }  // namespace notificationdb

@@ -48,6 +48,8 @@ public:
 
 private:
     friend struct RecordCoding<NotificationButton>;
+    // Every field absent or false: the start of a record read in place.
+    NotificationButton() noexcept : visible(false) {}
 
     std::optional<std::int64_t> id_;
 };
@@ -79,9 +81,18 @@ struct NOTIFICATIONDB_API RecordCoding<NotificationButton> {
         {"userAction", FieldType::bytes, true},
     }};
 
+    static FieldView view(const NotificationButton& record, std::size_t fieldIndex);
     static FieldValue encode(const NotificationButton& record, std::size_t fieldIndex);
     template <FieldSource Source>
-    static NotificationButton decode(Source& source);
+    static NotificationButton decode(Source& source) {
+        NotificationButton record;
+        decode(source, record);
+        return record;
+    }
+    template <FieldSource Source>
+    static void decode(Source& source, NotificationButton& record);
+    // A record with every field absent or false, to be read into in place.
+    static NotificationButton blank() noexcept { return {}; }
     static NotificationButton decode(std::array<FieldValue, 7>& values) {
         FieldValues<7> source(values, tableName, fields);
         return decode(source);

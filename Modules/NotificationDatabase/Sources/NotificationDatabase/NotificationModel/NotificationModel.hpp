@@ -50,6 +50,8 @@ public:
 
 private:
     friend struct RecordCoding<NotificationModel>;
+    // Every field absent, empty, false or zero: the start of a record read in place.
+    NotificationModel() noexcept : isMarketing(false), status(), notificationKind() {}
 
     std::optional<std::int64_t> id_;
     std::optional<std::string> customerId_;
@@ -95,9 +97,16 @@ struct NOTIFICATIONDB_API RecordCoding<NotificationModel> {
         {"notificationKind", FieldType::enumeration, false},
     }};
 
+    static FieldView view(const NotificationModel& record, std::size_t fieldIndex);
     static FieldValue encode(const NotificationModel& record, std::size_t fieldIndex);
     template <FieldSource Source>
-    static NotificationModel decode(Source& source);
+    static NotificationModel decode(Source& source) {
+        NotificationModel record;
+        decode(source, record);
+        return record;
+    }
+    template <FieldSource Source>
+    static void decode(Source& source, NotificationModel& record);
     static NotificationModel decode(std::array<FieldValue, 12>& values) {
         FieldValues<12> source(values, tableName, fields);
         return decode(source);

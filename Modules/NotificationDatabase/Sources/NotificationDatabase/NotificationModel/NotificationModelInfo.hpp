@@ -15,6 +15,7 @@
 
 namespace notificationdb {
 
+class JoinedRow;
 class Row;
 
 // A notification with its optional action button: the unit exchanged between host, updater
@@ -32,12 +33,11 @@ struct NOTIFICATIONDB_API NotificationModelInfo {
     // notification from the row's base columns, the button from the scope "notificationButton"
     // (absent when the row has no such scope or all its columns are NULL). Throws
     // `RecordDecodingError` when either record cannot be read; no partial pair is made.
-    // Both are the library's own: `Row` belongs to its private database layer.
-    NOTIFICATIONDB_HIDDEN static NotificationModelInfo fromJoinedRow(const Row& row) {
-        return NotificationModelInfo(row);
-    }
-    // The same as a constructor, so that a list can build its elements in place.
-    NOTIFICATIONDB_HIDDEN explicit NotificationModelInfo(const Row& joinedRow);
+    // Both are the library's own: `Row` and `JoinedRow` belong to its private database layer.
+    NOTIFICATIONDB_HIDDEN static NotificationModelInfo fromJoinedRow(const Row& row);
+    // The same from the current row of a run whose column positions `row` holds, as a
+    // constructor, so that a list can build its elements in place.
+    NOTIFICATIONDB_HIDDEN explicit NotificationModelInfo(const JoinedRow& row);
 
     friend bool operator==(const NotificationModelInfo& lhs, const NotificationModelInfo& rhs) noexcept {
         return lhs.notification.id() == rhs.notification.id();

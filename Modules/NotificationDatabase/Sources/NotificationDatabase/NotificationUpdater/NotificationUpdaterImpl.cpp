@@ -59,6 +59,7 @@ void NotificationUpdaterImpl::cleanUp() {
     }
 
     NotificationModelInfoSet expired;
+    expired.reserve(static_cast<std::size_t>(std::count(isExpired.begin(), isExpired.end(), true)));
     for (std::size_t i = 0; i < stored.size(); ++i) {
         if (isExpired[i]) expired.insert(std::move(stored[i]));
     }
