@@ -15,12 +15,10 @@ namespace {
 const std::string joinedSelect =
     "SELECT \"notification\".*, \"notificationButton\".* FROM \"notification\" "
     "LEFT JOIN \"notificationButton\" ON \"notificationButton\".\"notificationId\" = \"notification\".\"id\"";
+const std::string newestFirst = " ORDER BY \"notification\".\"createdDate\" DESC";
 }  // namespace
 
-const std::string fetchAll = joinedSelect + " ORDER BY \"notification\".\"createdDate\" DESC";
-const std::string fetchByIDs = joinedSelect +
-                               " WHERE \"notification\".\"id\" IN (SELECT value FROM json_each(?))"
-                               " ORDER BY \"notification\".\"createdDate\" DESC";
+const std::string fetchAll = joinedSelect + newestFirst;
 const std::string fetchByKind = joinedSelect + " WHERE \"notification\".\"notificationKind\" = ?";
 const std::string insertNotification =
     "INSERT INTO \"notification\" (\"id\", \"customerId\", \"createdDate\", \"version\", \"analyticsTag\", "
@@ -288,6 +286,36 @@ Timestamp parseDate(std::string_view text) {
     return Timestamp(duration_cast<Timestamp::duration>(sys_days(date).time_since_epoch() + offset));
 }
 
+sqlite3_stmt* RawIDSetStatement::bound(sqlite3* db, const std::vector<std::int64_t>& ids, std::string& json) {
+    const std::size_t count = ids.size();
+    const std::size_t variant = count == 0 || count > 128 ? 0 : count <= 8 ? count : 7 + (count + 7) / 8;
+    const std::size_t slots = variant <= 8 ? variant : 8 * (variant - 7);
+    last_ = variant;
+    RawStatement& slot = variants_[variant];
+    if (!slot.prepared()) {
+        std::string sql = before_ + "(";
+        if (variant == 0) {
+            sql += "SELECT value FROM json_each(?" + std::to_string(firstIndex_) + ")";
+        } else {
+            for (std::size_t i = 0; i < slots; ++i) {
+                sql += (i > 0 ? ", ?" : "?") + std::to_string(firstIndex_ + static_cast<int>(i));
+            }
+        }
+        sql += ")" + after_;
+        slot.get(db, sql);
+    }
+    sqlite3_stmt* statement = slot.get(db, {});
+    if (variant == 0) {
+        json = jsonArray(ids);
+        bindStaticText(statement, firstIndex_, json);
+        return statement;
+    }
+    int index = firstIndex_;
+    for (const std::int64_t id : ids) sqlite3_bind_int64(statement, index++, id);
+    for (std::size_t i = count; i < slots; ++i) sqlite3_bind_int64(statement, index++, ids.back());
+    return statement;
+}
+
 sqlite3_stmt* RawStatement::get(sqlite3* db, std::string_view sql) {
     if (statement_ == nullptr) {
         check(db, sqlite3_prepare_v3(db, sql.data(), static_cast<int>(sql.size()), SQLITE_PREPARE_PERSISTENT,
@@ -393,7 +421,8 @@ private:
     bool committed_ = false;
 };
 
-RawStore::RawStore(const std::filesystem::path& path) {
+RawStore::RawStore(const std::filesystem::path& path)
+    : fetchByIDs_(sql::joinedSelect + " WHERE \"notification\".\"id\" IN ", sql::newestFirst, 1) {
     const int rc = sqlite3_open_v2(path.c_str(), &writer_,
                                    SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
     if (rc != SQLITE_OK) {
@@ -533,10 +562,9 @@ std::vector<RawInfo> RawStore::fetchNotifications(const std::optional<std::vecto
     if (!ids) {
         result = readJoinedRows(reader, fetchAll_, fetchAll_.get(reader, sql::fetchAll));
     } else {
-        sqlite3_stmt* statement = fetchByIDs_.get(reader, sql::fetchByIDs);
-        const std::string list = jsonArray(*ids);
-        bindStaticText(statement, 1, list);
-        result = readJoinedRows(reader, fetchByIDs_, statement);
+        std::string json;
+        sqlite3_stmt* statement = fetchByIDs_.bound(reader, *ids, json);
+        result = readJoinedRows(reader, fetchByIDs_.last(), statement);
     }
     transaction.commit();
     return result;
@@ -586,11 +614,9 @@ bool RawStore::containsNotification(std::int64_t kind, const std::string& custom
 void RawStore::updateStatus(const std::vector<std::int64_t>& ids, std::int64_t status) {
     WriteTransaction transaction(*this);
     if (!ids.empty()) {
-        sqlite3_stmt* statement = updateStatus_.get(
-            writer_, "UPDATE \"notification\" SET \"status\" = ? WHERE \"id\" IN (SELECT value FROM json_each(?))");
-        const std::string list = jsonArray(ids);
+        std::string json;
+        sqlite3_stmt* statement = updateStatus_.bound(writer_, ids, json);
         sqlite3_bind_int64(statement, 1, status);
-        bindStaticText(statement, 2, list);
         run(writer_, statement);
     }
     transaction.commit();
@@ -623,20 +649,20 @@ void RawStore::deleteNamed(const std::vector<const RawInfo*>& infos) {
         if (info->notification.id) notificationIDs.push_back(*info->notification.id);
         if (info->button && info->button->id) buttonIDs.push_back(*info->button->id);
     }
-    const auto deleteByIDs = [this](RawStatement& slot, const char* text, const std::vector<std::int64_t>& ids) {
+    // SQLite gathers an IN list into a b-tree first, which takes ids in order at less cost.
+    std::sort(notificationIDs.begin(), notificationIDs.end());
+    std::sort(buttonIDs.begin(), buttonIDs.end());
+    const auto deleteByIDs = [this](RawIDSetStatement& slot, const std::vector<std::int64_t>& ids) {
         if (ids.empty()) return;
-        sqlite3_stmt* statement = slot.get(writer_, text);
-        const std::string list = jsonArray(ids);
-        bindStaticText(statement, 1, list);
+        std::string json;
+        sqlite3_stmt* statement = slot.bound(writer_, ids, json);
         const int rc = sqlite3_step(statement);
         sqlite3_reset(statement);
         // A failing DELETE is dropped, unless it ended the transaction.
         if (rc != SQLITE_DONE && sqlite3_get_autocommit(writer_) != 0) check(writer_, rc, SQLITE_DONE);
     };
-    deleteByIDs(deleteNotifications_, "DELETE FROM \"notification\" WHERE \"id\" IN (SELECT value FROM json_each(?))",
-                notificationIDs);
-    deleteByIDs(deleteButtons_, "DELETE FROM \"notificationButton\" WHERE \"id\" IN (SELECT value FROM json_each(?))",
-                buttonIDs);
+    deleteByIDs(deleteNotifications_, notificationIDs);
+    deleteByIDs(deleteButtons_, buttonIDs);
 }
 
 void RawStore::deleteNotifications(const std::vector<const RawInfo*>& infos) {
@@ -658,12 +684,23 @@ void RawStore::deleteAllNotifications(std::int64_t kind) {
 }
 
 void rawReceive(RawStore& store, const std::vector<RawInfo>& notifications) {
-    std::unordered_set<std::optional<std::int64_t>> seen;
-    std::vector<const RawInfo*> distinct;
-    distinct.reserve(notifications.size());
-    for (const RawInfo& info : notifications) {
-        if (seen.insert(info.notification.id).second) distinct.push_back(&info);
-    }
+    // A set of the entries by notification id, hashed as the library hashes its pairs, so that
+    // the saves run in the same order as the library's (the order the set yields them).
+    struct HashByID {
+        std::size_t operator()(const RawInfo* info) const noexcept {
+            const auto& id = info->notification.id;
+            std::size_t seed = std::hash<int>{}(id ? 1 : 0);
+            if (id) seed ^= std::hash<std::int64_t>{}(*id) + 0x9e3779b97f4a7c15ULL + (seed << 6) + (seed >> 2);
+            return seed;
+        }
+    };
+    struct EqualByID {
+        bool operator()(const RawInfo* lhs, const RawInfo* rhs) const noexcept {
+            return lhs->notification.id == rhs->notification.id;
+        }
+    };
+    std::unordered_set<const RawInfo*, HashByID, EqualByID> distinct;
+    for (const RawInfo& info : notifications) distinct.insert(&info);
     if (distinct.empty()) return;
     for (const RawInfo* info : distinct) {
         try {

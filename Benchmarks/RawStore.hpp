@@ -14,6 +14,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace notificationdb::bench {
@@ -65,6 +66,7 @@ public:
 
     // Prepared on first use on `db`, then reused.
     sqlite3_stmt* get(sqlite3* db, std::string_view sql);
+    bool prepared() const noexcept { return statement_ != nullptr; }
 
     // Rows that the last complete read through the statement returned: the capacity to reserve
     // for the next one.
@@ -72,6 +74,29 @@ public:
 
 private:
     sqlite3_stmt* statement_ = nullptr;
+};
+
+// The statements that name a set of ids, as the library writes them: `before` + "(ids)" + `after`,
+// up to 128 ids as parameters of their own numbered from `firstIndex` (statements for 1 to 8 ids
+// and for every eighth count up to 128, a smaller set repeating its last id), an empty or larger
+// set as one JSON array parameter.
+class RawIDSetStatement {
+public:
+    RawIDSetStatement(std::string before, std::string after, int firstIndex)
+        : before_(std::move(before)), after_(std::move(after)), firstIndex_(firstIndex) {}
+
+    // The statement for `ids`, prepared on first use, with the ids bound; `json` keeps the text
+    // of a JSON array alive while the statement runs.
+    sqlite3_stmt* bound(sqlite3* db, const std::vector<std::int64_t>& ids, std::string& json);
+    // The slot of the statement that `bound` used last.
+    RawStatement& last() noexcept { return variants_[last_]; }
+
+private:
+    std::string before_;
+    std::string after_;
+    int firstIndex_;
+    std::size_t last_ = 0;
+    RawStatement variants_[24];
 };
 
 // Throws a `std::runtime_error` with SQLite's message when `rc` is not one of the expected codes.
@@ -87,7 +112,6 @@ void bindButton(sqlite3_stmt* statement, const RawButton& button, std::optional<
 // The SQL that both the library and the baseline run.
 namespace sql {
 extern const std::string fetchAll;
-extern const std::string fetchByIDs;
 extern const std::string fetchByKind;
 extern const std::string insertNotification;
 extern const std::string insertButton;
@@ -133,10 +157,14 @@ private:
     // Writer statements.
     RawStatement beginImmediate_, commitWriter_, rollbackWriter_;
     RawStatement exists_, contentDuplicate_[2][2], insertNotification_, updateButton_, insertButton_;
-    RawStatement updateStatus_, updateVisibility_, deleteNotifications_, deleteButtons_, fetchByKind_;
+    RawStatement updateVisibility_, fetchByKind_;
+    RawIDSetStatement updateStatus_{"UPDATE \"notification\" SET \"status\" = ?1 WHERE \"id\" IN ", "", 2};
+    RawIDSetStatement deleteNotifications_{"DELETE FROM \"notification\" WHERE \"id\" IN ", "", 1};
+    RawIDSetStatement deleteButtons_{"DELETE FROM \"notificationButton\" WHERE \"id\" IN ", "", 1};
     // Reader statements.
     RawStatement beginDeferred_, commitReader_, rollbackReader_;
-    RawStatement fetchAll_, fetchByIDs_, count_, containsVantro_, containsNotification_[2][2];
+    RawStatement fetchAll_, count_, containsVantro_, containsNotification_[2][2];
+    RawIDSetStatement fetchByIDs_;
 };
 
 // The updater's work over the baseline store: a batch made distinct by notification id (the

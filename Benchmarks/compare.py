@@ -29,6 +29,16 @@ TARGET = 1.05
 SIDES = ("Library", "Baseline")
 MEMORY_CASE = "fetch_all/10000"
 TO_NANOSECONDS = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
+# The order in which the binary registers its cases.
+FAMILIES = ("save_new", "save_duplicate", "fetch_all", "fetch_10_ids", "count", "contains_vantro",
+            "contains_notification", "update_status_100", "update_button_visibility_100", "delete_100",
+            "delete_all_of_kind", "updater_receive_100", "cleanup_nothing", "cleanup_2000", "open")
+
+
+def case_order(case):
+    family, _, size = case.partition("/")
+    rank = FAMILIES.index(family) if family in FAMILIES else len(FAMILIES)
+    return rank, int(size) if size.isdigit() else 0, case
 
 
 def case_of(run_name):
@@ -44,12 +54,12 @@ def case_of(run_name):
 def collect(benchmarks):
     """{case: {side: {...}}}: the runs in file order, medians, errors, labels, peak heap."""
     cases = {}
-    for position, entry in enumerate(benchmarks):
+    for entry in benchmarks:
         parsed = case_of(entry.get("run_name") or entry.get("name", ""))
         if parsed is None:
             continue
         side, case = parsed
-        sides = cases.setdefault(case, {"order": position})
+        sides = cases.setdefault(case, {})
         slot = sides.setdefault(side, {"runs": [], "median": None, "error": None, "label": None, "peaks": []})
         if entry.get("error_occurred"):
             slot["error"] = entry.get("error_message") or "error"
@@ -164,10 +174,10 @@ def main(argv):
         print("compare.py: no Library/* or Baseline/* results in the input", file=sys.stderr)
         return 2
     for side, case in instructions:
-        cases.setdefault(case, {"order": len(cases) + 1000})
+        cases.setdefault(case, {})
 
     rows, missed, rounds = [], [], 0
-    for case, sides in sorted(cases.items(), key=lambda item: item[1]["order"]):
+    for case, sides in sorted(cases.items(), key=lambda item: case_order(item[0])):
         library, baseline = sides.get("Library") or {}, sides.get("Baseline") or {}
         kind = library.get("label") or baseline.get("label") or "-"
         lib_ir, base_ir = instructions.get(("Library", case)), instructions.get(("Baseline", case))
