@@ -134,6 +134,16 @@ bool runDroppingFailure(Connection& connection, Statement&& statement) {
     }
 }
 
+const IDSetStatement& deleteNotificationsStatement() {
+    static const IDSetStatement statement("DELETE FROM \"notification\" WHERE \"id\" IN ", "", 1);
+    return statement;
+}
+
+const IDSetStatement& deleteButtonsStatement() {
+    static const IDSetStatement statement("DELETE FROM \"notificationButton\" WHERE \"id\" IN ", "", 1);
+    return statement;
+}
+
 void deleteByIDs(Connection& connection, const IDSetStatement& statement, const std::vector<std::int64_t>& ids) {
     if (ids.empty()) return;
     statement.bound(connection, ids, ids.size())->execute();
@@ -142,8 +152,6 @@ void deleteByIDs(Connection& connection, const IDSetStatement& statement, const 
 // Deletes the notifications and the buttons that `infos` name, each DELETE's failure dropped.
 template <class Infos>
 void deleteNamed(Connection& connection, const Infos& infos) {
-    static const IDSetStatement deleteNotifications("DELETE FROM \"notification\" WHERE \"id\" IN ", "", 1);
-    static const IDSetStatement deleteButtons("DELETE FROM \"notificationButton\" WHERE \"id\" IN ", "", 1);
     // Repeated ids would do no harm in the IN lists; a set of pairs names each notification once.
     std::vector<std::int64_t> notificationIDs;
     std::vector<std::int64_t> buttonIDs;
@@ -156,8 +164,8 @@ void deleteNamed(Connection& connection, const Infos& infos) {
     // SQLite gathers an IN list into a b-tree first, which takes ids in order at less cost.
     std::sort(notificationIDs.begin(), notificationIDs.end());
     std::sort(buttonIDs.begin(), buttonIDs.end());
-    runDroppingFailure(connection, [&] { deleteByIDs(connection, deleteNotifications, notificationIDs); });
-    runDroppingFailure(connection, [&] { deleteByIDs(connection, deleteButtons, buttonIDs); });
+    runDroppingFailure(connection, [&] { deleteByIDs(connection, deleteNotificationsStatement(), notificationIDs); });
+    runDroppingFailure(connection, [&] { deleteByIDs(connection, deleteButtonsStatement(), buttonIDs); });
 }
 
 // The change notices of this process that are scheduled and not yet posted, numbered in commit

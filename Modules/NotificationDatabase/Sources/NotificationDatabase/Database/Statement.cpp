@@ -6,6 +6,7 @@
 #include <sqlite3.h>
 
 #include <climits>
+#include <cstring>
 #include <utility>
 
 namespace notificationdb {
@@ -49,15 +50,17 @@ struct Row::Layout {
 
 namespace {
 
-// A column of `scope`'s table that no stored row holds NULL in, when every column of the scope
-// comes straight from that one table: then that column is NULL exactly when a LEFT JOIN found
-// no row. -1 when there is none, or when SQLite cannot tell.
+// A column of the scope's table that no stored row holds NULL in, when every column of the scope
+// comes straight from that one table (of one database): then that column is NULL exactly when
+// a LEFT JOIN found no row. -1 when there is none, or when SQLite cannot tell.
 int neverNullColumn(sqlite3* connection, sqlite3_stmt* statement, int begin, int end) {
+    const char* const firstDatabase = sqlite3_column_database_name(statement, begin);
     for (int i = begin; i < end; ++i) {
         const char* database = sqlite3_column_database_name(statement, i);
-        const char* table = sqlite3_column_table_name(statement, i);
-        const char* column = sqlite3_column_origin_name(statement, i);
-        if (database == nullptr || table == nullptr || column == nullptr) return -1;
+        if (database == nullptr || firstDatabase == nullptr || std::strcmp(database, firstDatabase) != 0 ||
+            sqlite3_column_table_name(statement, i) == nullptr || sqlite3_column_origin_name(statement, i) == nullptr) {
+            return -1;
+        }
     }
     for (int i = begin; i < end; ++i) {
         int notNull = 0;

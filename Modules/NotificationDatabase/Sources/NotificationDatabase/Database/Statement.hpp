@@ -47,7 +47,8 @@ public:
     // Whether every column of this view is NULL. When the view's columns come from one table
     // that declares one of them never NULL (NOT NULL, or a row id with AUTOINCREMENT), that
     // column alone decides: a LEFT JOIN that matched no row gives NULL there, a stored row never
-    // does.
+    // does. (SQLite does not tell two joins of the same table apart: a scope is taken to hold
+    // one of them.)
     bool allNull() const noexcept {
         if (key_ >= 0) return isNull(key_);
         for (int i = begin_; i < end_; ++i) {

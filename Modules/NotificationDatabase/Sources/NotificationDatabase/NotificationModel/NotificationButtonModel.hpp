@@ -12,6 +12,8 @@
 
 namespace notificationdb {
 
+class JoinedRow;
+
 // The one action button a notification may carry: a row of the table "notificationButton".
 // A plain value. Every field is readable; all but `id` are public and assignable.
 class NOTIFICATIONDB_API NotificationButton {
@@ -48,6 +50,7 @@ public:
 
 private:
     friend struct RecordCoding<NotificationButton>;
+    friend class JoinedRow;
     // Every field absent or false: the start of a record read in place.
     NotificationButton() noexcept : visible(false) {}
 
@@ -91,8 +94,6 @@ struct NOTIFICATIONDB_API RecordCoding<NotificationButton> {
     }
     template <FieldSource Source>
     static void decode(Source& source, NotificationButton& record);
-    // A record with every field absent or false, to be read into in place.
-    static NotificationButton blank() noexcept { return {}; }
     static NotificationButton decode(std::array<FieldValue, 7>& values) {
         FieldValues<7> source(values, tableName, fields);
         return decode(source);

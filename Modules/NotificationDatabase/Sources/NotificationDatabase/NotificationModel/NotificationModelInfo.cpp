@@ -25,7 +25,7 @@ std::optional<NotificationButton> JoinedRow::actionButton() const {
     if (button_ && !button_->allNull()) {
         RowFields fields(*button_, buttonColumns_, RecordCoding<NotificationButton>::tableName,
                          RecordCoding<NotificationButton>::fields);
-        RecordCoding<NotificationButton>::decode(fields, button.emplace(RecordCoding<NotificationButton>::blank()));
+        RecordCoding<NotificationButton>::decode(fields, button.emplace(NotificationButton()));
     }
     return button;
 }
