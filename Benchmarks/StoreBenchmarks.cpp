@@ -1,7 +1,8 @@
-// Every case runs twice in the same process: `Library/<case>` through the public API of the
-// store and the updater, and `Baseline/<case>` through `RawStore`, the same work written
-// directly on the sqlite3 C API. Each run starts on its own fresh copy of a prepared database
-// file in a private temporary directory.
+// Every case runs in the same process as `Library/<case>` through the public API of the store and
+// the updater, as `Baseline/<case>` through `RawStore`, the same work written directly on the
+// sqlite3 C API, and as `Pair/<case>`, both at once with their calls alternating. Each side
+// starts on its own fresh copy of a prepared database file in a private directory (on /dev/shm
+// when there is one).
 //
 // Timing covers the operation alone. Cases that delete rows put them back, and cases that add
 // rows take them out again, through a separate maintenance connection with the clock stopped
@@ -37,14 +38,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <fstream>
 #include <functional>
-#include <iostream>
 #include <map>
 #include <memory>
 #include <optional>
-#include <random>
-#include <regex>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -171,11 +168,13 @@ std::string describeRows(const std::vector<RawInfo>& rows) {
     std::string text;
     for (const RawInfo& info : rows) {
         const RawNotification& n = info.notification;
-        text += std::to_string(n.id.value_or(-1)) + '|' + n.customerId.value_or("-") + '|' +
-                std::to_string(std::chrono::floor<std::chrono::milliseconds>(n.createdDate.time_since_epoch()).count()) + '|' + n.version + '|' + n.analyticsTag +
-                '|' + n.title.value_or("-") + '|' + n.body.value_or("-") + '|' + n.bannerUrl.value_or("-") + '|' +
-                std::to_string(n.isMarketing) + '|' + std::to_string(n.appId.value_or(-1)) + '|' +
-                std::to_string(n.status) + '|' + std::to_string(n.notificationKind);
+        text +=
+            std::to_string(n.id.value_or(-1)) + '|' + n.customerId.value_or("-") + '|' +
+            std::to_string(std::chrono::floor<std::chrono::milliseconds>(n.createdDate.time_since_epoch()).count()) +
+            '|' + n.version + '|' + n.analyticsTag + '|' + n.title.value_or("-") + '|' + n.body.value_or("-") + '|' +
+            n.bannerUrl.value_or("-") + '|' + std::to_string(n.isMarketing) + '|' +
+            std::to_string(n.appId.value_or(-1)) + '|' + std::to_string(n.status) + '|' +
+            std::to_string(n.notificationKind);
         if (const auto& b = info.button) {
             text += '|' + std::to_string(b->id.value_or(-1)) + '|' + b->buttonId.value_or("-") + '|' +
                     b->title.value_or("-") + '|' + std::to_string(b->visible) + '|' +
@@ -212,6 +211,22 @@ void expectCount(Maintenance& maintenance, std::int64_t expected, const std::str
     expect(actual == expected, what + ": " + std::to_string(actual) + " rows instead of " + std::to_string(expected));
 }
 
+// One side of a pair: its operation, and what puts the table back after `restoreInterval` calls.
+struct Side {
+    std::function<void()> operation;
+    std::function<void()> restore;
+    std::int64_t restoreInterval;
+};
+
+// A pair being set up: the library's case registers its side and runs the baseline's case
+// (`partner`) inside its own, so both sides' stores are open when the baseline's side arrives
+// and the two are measured together.
+struct Pairing {
+    std::function<void()> partner;
+    std::optional<Side> library;
+    bool done = false;
+};
+
 // How the binary measures (set from its command line in `main`).
 struct Settings {
     // Count instructions instead of timing: each case makes `kInstructionCalls` calls, each under
@@ -221,19 +236,79 @@ struct Settings {
     bool countInstructions = false;
     // The benchmark running now, e.g. "Library/fetch_all/10000".
     std::string running;
+    // Set while a `Pair/<case>` benchmark runs.
+    Pairing* pairing = nullptr;
 };
 Settings settings;
 constexpr int kInstructionCalls = 3;
 
+double secondsOf(const std::function<void()>& operation) {
+    const auto start = std::chrono::steady_clock::now();
+    operation();
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// Every iteration times one library call and one baseline call back to back, the side that goes
+// first alternating, so that the machine's load falls on both alike; the ratio of the two sums
+// is reported per repetition (counter `ratio`), with each side's mean time per call.
+void measurePair(benchmark::State& state, const Side& library, const Side& baseline) {
+    double librarySeconds = 0;
+    double baselineSeconds = 0;
+    std::int64_t calls = 0;
+    std::int64_t sinceLibraryRestore = 0;
+    std::int64_t sinceBaselineRestore = 0;
+    for (auto _ : state) {
+        const bool libraryFirst = calls % 2 == 0;
+        const double first = secondsOf(libraryFirst ? library.operation : baseline.operation);
+        const double second = secondsOf(libraryFirst ? baseline.operation : library.operation);
+        librarySeconds += libraryFirst ? first : second;
+        baselineSeconds += libraryFirst ? second : first;
+        ++calls;
+        state.SetIterationTime(first + second);
+        if (++sinceLibraryRestore == library.restoreInterval) {
+            library.restore();
+            sinceLibraryRestore = 0;
+        }
+        if (++sinceBaselineRestore == baseline.restoreInterval) {
+            baseline.restore();
+            sinceBaselineRestore = 0;
+        }
+    }
+    if (sinceLibraryRestore != 0) library.restore();
+    if (sinceBaselineRestore != 0) baseline.restore();
+    for (const auto& [side, name] :
+         {std::pair(&library, "library_peak_bytes"), std::pair(&baseline, "baseline_peak_bytes")}) {
+        AllocationProbe probe;
+        side->operation();
+        state.counters[name] = static_cast<double>(probe.peakBytes());
+        side->restore();
+    }
+    state.counters["library_us"] = librarySeconds / static_cast<double>(calls) * 1e6;
+    state.counters["baseline_us"] = baselineSeconds / static_cast<double>(calls) * 1e6;
+    state.counters["ratio"] = librarySeconds / baselineSeconds;
+}
+
 // Runs `operation` once per iteration. `restore` runs with the clock stopped after every
 // `restoreInterval` iterations. One untimed call with its restore comes first, so statements
-// are prepared and connections open before timing starts; `check` runs after that call.
+// are prepared and connections open before timing starts; `check` runs after that call. In a
+// pair, the side is handed over instead (see `Pairing`).
 template <class Operation, class Restore, class Check>
 void measure(benchmark::State& state, Operation&& operation, Restore&& restore, std::int64_t restoreInterval,
              Check&& check) {
     operation();
     check();
     restore();
+    if (Pairing* pairing = settings.pairing) {
+        Side side{operation, restore, restoreInterval};
+        if (!pairing->library) {
+            pairing->library.emplace(std::move(side));
+            pairing->partner();
+        } else {
+            measurePair(state, *pairing->library, side);
+            pairing->done = true;
+        }
+        return;
+    }
     const bool counting = settings.countInstructions;
     std::int64_t sinceRestore = 0;
     for (auto _ : state) {
@@ -687,111 +762,40 @@ std::function<void(benchmark::State&)> guarded(std::string name, std::function<v
     };
 }
 
-// Keeps the runs reported to it, in the order they ran, and the context of the first.
-class Collector : public benchmark::BenchmarkReporter {
-public:
-    bool ReportContext(const Context& context) override {
-        if (!context_) context_.emplace(context);
-        return true;
-    }
-    void ReportRuns(const std::vector<Run>& runs) override { runs_.insert(runs_.end(), runs.begin(), runs.end()); }
-
-    // Writes everything in Google Benchmark's JSON format, the cases in the order they were
-    // registered and the runs of each in the order they ran.
-    bool write(const std::string& path) {
-        std::stable_sort(runs_.begin(), runs_.end(),
-                         [](const Run& lhs, const Run& rhs) { return lhs.family_index < rhs.family_index; });
-        std::ofstream out(path);
-        if (!out || !context_) return false;
-        benchmark::JSONReporter json;
-        json.SetOutputStream(&out);
-        json.SetErrorStream(&std::cerr);
-        json.ReportContext(*context_);
-        json.ReportRuns(runs_);
-        json.Finalize();
-        return static_cast<bool>(out);
-    }
-
-private:
-    std::optional<Context> context_;
-    std::vector<Run> runs_;
-};
-
-// Paired rounds: in every round each selected case runs its library side and its baseline side
-// back to back, the cases in a new random order and the side that goes first alternating from
-// round to round, so that a change in the machine's load falls on both halves of a pair alike.
-// The runs go to `jsonPath` in the order they ran; `compare.py` pairs them up again.
-int runPairedRounds(int rounds, const std::string& jsonPath, std::vector<std::string> caseNames) {
-    const std::string filter = benchmark::GetBenchmarkFilter();
-    if (!filter.empty() && filter != "." && filter != "all") {
-        const std::regex pattern(filter);
-        std::erase_if(caseNames, [&pattern](const std::string& name) {
-            return !std::regex_search("Library/" + name, pattern) && !std::regex_search("Baseline/" + name, pattern);
-        });
-    }
-    std::mt19937 random(std::random_device{}());
-    Collector collector;
-    for (int round = 0; round < rounds; ++round) {
-        std::shuffle(caseNames.begin(), caseNames.end(), random);
-        const auto started = std::chrono::steady_clock::now();
-        for (const std::string& name : caseNames) {
-            for (const bool library : {round % 2 == 0, round % 2 != 0}) {
-                std::string spec = library ? "^Library/" : "^Baseline/";
-                spec += name;
-                spec += "(/|$)";
-                benchmark::RunSpecifiedBenchmarks(&collector, spec);
-            }
+// `Pair/<case>`: the library's case, with the baseline's case run inside it (see `Pairing`).
+std::function<void(benchmark::State&)> paired(const Case& entry) {
+    return [entry](benchmark::State& state) {
+        Pairing pairing;
+        pairing.partner = [&] { entry.baseline(state); };
+        settings.pairing = &pairing;
+        settings.running = "Pair/" + entry.name;
+        try {
+            entry.library(state);
+            state.SetLabel(entry.access == Access::write ? "write" : "read");
+        } catch (const std::exception& error) {
+            state.SkipWithError(error.what());
         }
-        const auto seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-        std::fprintf(stderr, "round %d of %d: %zu cases in %.0f s\n", round + 1, rounds, caseNames.size(), seconds);
-    }
-    if (!collector.write(jsonPath)) {
-        std::fprintf(stderr, "notificationdb_benchmarks: cannot write %s\n", jsonPath.c_str());
-        return 1;
-    }
-    return 0;
-}
-
-// Takes the binary's own options out of the command line; the rest goes to Google Benchmark.
-struct Options {
-    int rounds = 0;  // --pairs=N
-    std::string json = "benchmarks.json";  // --json=FILE
-};
-
-Options takeOptions(std::vector<char*>& arguments) {
-    Options options;
-    std::erase_if(arguments, [&options](char* argument) {
-        const std::string_view text(argument);
-        if (text == "--instructions") {
-            settings.countInstructions = true;
-        } else if (text.starts_with("--pairs=")) {
-            options.rounds = std::max(1, std::atoi(argument + 8));
-        } else if (text.starts_with("--json=")) {
-            options.json = std::string(text.substr(7));
-        } else {
-            return false;
-        }
-        return true;
-    });
-    return options;
+        settings.pairing = nullptr;
+        if (!pairing.done) state.SkipWithError("the two sides did not meet");
+    };
 }
 
 }  // namespace
 
-std::vector<std::string> registerStoreBenchmarks() {
-    std::vector<std::string> names;
+void registerStoreBenchmarks() {
     for (Case& entry : cases()) {
         for (const bool library : {true, false}) {
             const std::string name = (library ? "Library/" : "Baseline/") + entry.name;
-            auto* benchmark =
-                benchmark::RegisterBenchmark(name.c_str(), guarded(name, library ? entry.library : entry.baseline,
-                                                                   entry.access));
+            auto* benchmark = benchmark::RegisterBenchmark(
+                name.c_str(), guarded(name, library ? entry.library : entry.baseline, entry.access));
             benchmark->UseRealTime()->Unit(benchmark::kMicrosecond);
             if (settings.countInstructions) benchmark->Iterations(kInstructionCalls)->Repetitions(1);
         }
-        names.push_back(entry.name);
+        if (settings.countInstructions) continue;
+        benchmark::RegisterBenchmark(("Pair/" + entry.name).c_str(), paired(entry))
+            ->UseManualTime()
+            ->Unit(benchmark::kMicrosecond);
     }
-    return names;
 }
 
 }  // namespace notificationdb::bench
@@ -803,26 +807,24 @@ int main(int argc, char** argv) {
     // scheduled jobs are dropped instead of piling up.
     notificationdb::MainQueue::main().setScheduler([](auto /*deadline*/, auto /*job*/) {});
 
-    // Without --pairs, the repetitions of all cases run in random order, so that a change in the
-    // machine's load during the run falls on both sides of a comparison alike. A flag given on
-    // the command line comes later and wins.
+    // Repetitions of all cases run in random order, so that a change in the machine's load during
+    // the run falls on all cases alike. A flag given on the command line comes later and wins.
     std::vector<char*> arguments(argv, argv + argc);
-    const Options options = takeOptions(arguments);
+    std::erase_if(arguments, [](char* argument) {
+        settings.countInstructions = settings.countInstructions || std::string_view(argument) == "--instructions";
+        return std::string_view(argument) == "--instructions";
+    });
     std::string interleaving = "--benchmark_enable_random_interleaving=true";
     arguments.insert(arguments.begin() + (argc > 0 ? 1 : 0), interleaving.data());
     int argumentCount = static_cast<int>(arguments.size());
     arguments.push_back(nullptr);
 
-    const std::vector<std::string> caseNames = registerStoreBenchmarks();
+    registerStoreBenchmarks();
     benchmark::Initialize(&argumentCount, arguments.data());
     if (benchmark::ReportUnrecognizedArguments(argumentCount, arguments.data())) return 1;
     int status = 0;
     try {
-        if (options.rounds > 0 && !settings.countInstructions) {
-            status = runPairedRounds(options.rounds, options.json, caseNames);
-        } else {
-            benchmark::RunSpecifiedBenchmarks();
-        }
+        benchmark::RunSpecifiedBenchmarks();
     } catch (const std::exception& error) {
         std::fprintf(stderr, "notificationdb_benchmarks: %s\n", error.what());
         status = 1;

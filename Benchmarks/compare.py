@@ -1,21 +1,21 @@
 #!/usr/bin/env python3
 """Compares the library with the raw sqlite3 baseline in a run of notificationdb_benchmarks.
 
-Reads the Google Benchmark JSON that the binary writes (best from `--pairs=N --json=FILE`, whose
-runs come in pairs: a case's library run and its baseline run back to back, N rounds) and, with
---callgrind DIR, the callgrind dumps of a `--instructions` run under
+Reads the Google Benchmark JSON of a run (--benchmark_out=FILE --benchmark_out_format=json) and,
+with --callgrind DIR, the callgrind dumps of an `--instructions` run under
 `valgrind --tool=callgrind --instr-atstart=no`. Prints one row per case:
 
     case | kind | instructions per call, library and baseline | their ratio |
-    median real time, library and baseline | paired ratio | its spread | within target
+    time per call, library and baseline | paired ratio | its spread | within target
 
 The instruction ratio counts what both sides execute, SQLite included, and does not depend on
-the machine's load. The paired ratio is the median over the rounds of library time / baseline
-time of the two runs of one round, which ran back to back; "spread" is the range of the middle
-half of those ratios. Without pairs (a plain Google Benchmark JSON) the ratio is that of the
-medians. A case is within target when both ratios are at most the target (1.05). A last section
-compares the peak heap use of the largest fetch (counter peak_bytes). With --strict the exit
-status is 1 when a case misses its target.
+the machine's load. The paired ratio comes from the `Pair/<case>` benchmarks, whose every
+iteration times one library call and one baseline call back to back: it is the median over the
+repetitions of library time / baseline time, and "spread" is the range of the middle half of
+those ratios. Without `Pair/` runs the ratio is that of the `Library/` and `Baseline/` medians.
+A case is within target when both ratios are at most the target (1.05). A last section compares
+the peak heap use of the largest fetch (counter peak_bytes). With --strict the exit status is 1
+when a case misses its target.
 """
 
 import argparse
@@ -27,6 +27,7 @@ import sys
 
 TARGET = 1.05
 SIDES = ("Library", "Baseline")
+PAIR = "Pair"
 MEMORY_CASE = "fetch_all/10000"
 TO_NANOSECONDS = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
 # The order in which the binary registers its cases.
@@ -44,7 +45,7 @@ def case_order(case):
 def case_of(run_name):
     """('Library', 'fetch_all/100') for 'Library/fetch_all/100/real_time' and the like."""
     side, _, rest = run_name.partition("/")
-    if side not in SIDES or not rest:
+    if side not in SIDES + (PAIR,) or not rest:
         return None
     parts = [part for part in rest.split("/")
              if part not in ("real_time", "manual_time") and not part.startswith(("iterations:", "repeats:"))]
@@ -60,12 +61,22 @@ def collect(benchmarks):
             continue
         side, case = parsed
         sides = cases.setdefault(case, {})
-        slot = sides.setdefault(side, {"runs": [], "median": None, "error": None, "label": None, "peaks": []})
+        slot = sides.setdefault(side, {"runs": [], "median": None, "error": None, "label": None, "peaks": [],
+                                       "pairs": []})
         if entry.get("error_occurred"):
             slot["error"] = entry.get("error_message") or "error"
             continue
         slot["label"] = entry.get("label") or slot["label"]
         scale = TO_NANOSECONDS.get(entry.get("time_unit", "ns"), 1.0)
+        if side == PAIR:
+            if entry.get("run_type") != "aggregate" and "ratio" in entry:
+                slot["pairs"].append((entry["ratio"], entry["library_us"] * 1e3, entry["baseline_us"] * 1e3))
+                for side in SIDES:
+                    peak = entry.get(side.lower() + "_peak_bytes")
+                    if peak is not None:
+                        sides.setdefault(side, {"runs": [], "median": None, "error": None, "label": None,
+                                                "peaks": [], "pairs": []})["peaks"].append(peak)
+            continue
         if entry.get("run_type") == "aggregate":
             if entry.get("aggregate_name") == "median":
                 slot["median"] = entry["real_time"] * scale
@@ -100,11 +111,6 @@ def read_instructions(directory):
         if parsed and int(calls) > 0:
             counts[parsed] = total / int(calls)
     return counts
-
-
-def paired_ratios(library, baseline, index):
-    """Library/baseline ratios of the runs of one round (the n-th run of each side)."""
-    return [lib[index] / base[index] for lib, base in zip(library["runs"], baseline["runs"]) if base[index] > 0]
 
 
 def quartiles(values):
@@ -178,19 +184,23 @@ def main(argv):
 
     rows, missed, rounds = [], [], 0
     for case, sides in sorted(cases.items(), key=lambda item: case_order(item[0])):
-        library, baseline = sides.get("Library") or {}, sides.get("Baseline") or {}
-        kind = library.get("label") or baseline.get("label") or "-"
+        library, baseline, pair = (sides.get(side) or {} for side in SIDES + (PAIR,))
+        kind = pair.get("label") or library.get("label") or baseline.get("label") or "-"
         lib_ir, base_ir = instructions.get(("Library", case)), instructions.get(("Baseline", case))
         ir_ratio = lib_ir / base_ir if lib_ir and base_ir else None
-        errors = [side for side, slot in (("library", library), ("baseline", baseline)) if slot.get("error")]
-        ratios = paired_ratios(library, baseline, 0) if library.get("runs") and baseline.get("runs") else []
-        rounds = max(rounds, len(ratios))
-        if ratios:
+        errors = [side for side, slot in (("library", library), ("baseline", baseline), ("pair", pair))
+                  if slot.get("error")]
+        pairs = pair.get("pairs") or []
+        rounds = max(rounds, len(pairs))
+        lib_time, base_time = library.get("median"), baseline.get("median")
+        if pairs:
+            ratios = [ratio for ratio, _, _ in pairs]
             wall = statistics.median(ratios)
-            low, high = quartiles(ratios)
-            spread = "%.2f-%.2f" % (low, high)
-        elif library.get("median") and baseline.get("median"):
-            wall, spread = library["median"] / baseline["median"], "-"
+            spread = "%.2f-%.2f" % quartiles(ratios)
+            lib_time = statistics.median(lib for _, lib, _ in pairs)
+            base_time = statistics.median(base for _, _, base in pairs)
+        elif lib_time and base_time:
+            wall, spread = lib_time / base_time, "-"
         else:
             wall, spread = None, "-"
         checked = [ratio for ratio in (ir_ratio, wall) if ratio is not None]
@@ -199,7 +209,7 @@ def main(argv):
             missed.append(case)
         rows.append([
             case, kind, format_count(lib_ir), format_count(base_ir), "%.3f" % ir_ratio if ir_ratio else "-",
-            format_time(library.get("median")), format_time(baseline.get("median")),
+            format_time(lib_time), format_time(base_time),
             "%.3f" % wall if wall else "-", spread,
             ("error in " + ", ".join(errors)) if errors else ("yes" if within else "NO"),
         ])
@@ -207,7 +217,7 @@ def main(argv):
     context = document.get("context", {})
     print("notificationdb benchmarks: library against raw sqlite3 (target %.2f)" % TARGET)
     if context:
-        print("host: %s CPU(s) at %s MHz, load average at the start %s; %d paired round(s)" % (
+        print("host: %s CPU(s) at %s MHz, load average at the start %s; %d paired repetition(s)" % (
             context.get("num_cpus", "?"), context.get("mhz_per_cpu", "?"),
             ", ".join("%.2f" % value for value in context.get("load_avg", [])) or "?", rounds))
     print()
