@@ -218,12 +218,15 @@ struct Side {
     std::int64_t restoreInterval;
 };
 
-// A pair being set up: the library's case registers its side and runs the baseline's case
-// (`partner`) inside its own, so both sides' stores are open when the baseline's side arrives
-// and the two are measured together.
+// A pair being set up: the outer side's case registers its side and runs the other side's case
+// (`partner`) inside its own, so both sides' stores are open when the second side arrives and
+// the two are measured together. Which side is outer alternates from run to run: the two
+// sides' data then take turns at the places in memory that come first, which otherwise favour
+// one side by a few percent.
 struct Pairing {
+    bool libraryOuter;
     std::function<void()> partner;
-    std::optional<Side> library;
+    std::optional<Side> outer;
     bool done = false;
 };
 
@@ -249,8 +252,8 @@ double secondsOf(const std::function<void()>& operation) {
 }
 
 // Every iteration times one library call and one baseline call back to back, the side that goes
-// first alternating, so that the machine's load falls on both alike; the ratio of the two sums
-// is reported per repetition (counter `ratio`), with each side's mean time per call.
+// first alternating, so that the machine's load and the warmth of the caches fall on both alike; the ratio of the two
+// sums is reported per repetition (counter `ratio`), with each side's mean time per call.
 void measurePair(benchmark::State& state, const Side& library, const Side& baseline) {
     double librarySeconds = 0;
     double baselineSeconds = 0;
@@ -265,13 +268,17 @@ void measurePair(benchmark::State& state, const Side& library, const Side& basel
         baselineSeconds += libraryFirst ? second : first;
         ++calls;
         state.SetIterationTime(first + second);
-        if (++sinceLibraryRestore == library.restoreInterval) {
-            library.restore();
-            sinceLibraryRestore = 0;
-        }
-        if (++sinceBaselineRestore == baseline.restoreInterval) {
-            baseline.restore();
-            sinceBaselineRestore = 0;
+        // The restores follow the calls' order, so that neither side always meets its own
+        // freshly restored table.
+        ++sinceLibraryRestore;
+        ++sinceBaselineRestore;
+        for (const bool libraryTurn : {libraryFirst, !libraryFirst}) {
+            std::int64_t& since = libraryTurn ? sinceLibraryRestore : sinceBaselineRestore;
+            const Side& side = libraryTurn ? library : baseline;
+            if (since == side.restoreInterval) {
+                side.restore();
+                since = 0;
+            }
         }
     }
     if (sinceLibraryRestore != 0) library.restore();
@@ -300,11 +307,12 @@ void measure(benchmark::State& state, Operation&& operation, Restore&& restore, 
     restore();
     if (Pairing* pairing = settings.pairing) {
         Side side{operation, restore, restoreInterval};
-        if (!pairing->library) {
-            pairing->library.emplace(std::move(side));
+        if (!pairing->outer) {
+            pairing->outer.emplace(std::move(side));
             pairing->partner();
         } else {
-            measurePair(state, *pairing->library, side);
+            const Side& outer = *pairing->outer;
+            measurePair(state, pairing->libraryOuter ? outer : side, pairing->libraryOuter ? side : outer);
             pairing->done = true;
         }
         return;
@@ -762,15 +770,16 @@ std::function<void(benchmark::State&)> guarded(std::string name, std::function<v
     };
 }
 
-// `Pair/<case>`: the library's case, with the baseline's case run inside it (see `Pairing`).
+// `Pair/<case>`: one side's case, with the other side's case run inside it (see `Pairing`).
 std::function<void(benchmark::State&)> paired(const Case& entry) {
-    return [entry](benchmark::State& state) {
+    return [entry, runs = std::make_shared<int>(0)](benchmark::State& state) {
         Pairing pairing;
-        pairing.partner = [&] { entry.baseline(state); };
+        pairing.libraryOuter = (*runs)++ % 2 == 0;
+        pairing.partner = [&] { (pairing.libraryOuter ? entry.baseline : entry.library)(state); };
         settings.pairing = &pairing;
         settings.running = "Pair/" + entry.name;
         try {
-            entry.library(state);
+            (pairing.libraryOuter ? entry.library : entry.baseline)(state);
             state.SetLabel(entry.access == Access::write ? "write" : "read");
         } catch (const std::exception& error) {
             state.SkipWithError(error.what());
