@@ -6,6 +6,7 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -79,13 +80,17 @@ void enableWAL(Connection& writer, const BusyMode& busyMode) {
     }
 }
 
-// Sets of ids travel as JSON arrays read with json_each. SQLite builds the JSON functions in by
-// default only since 3.38, and a build may leave them out: say so when the pool opens rather
-// than fail every query later.
+// Large (and empty) sets of ids travel as JSON arrays read with json_each. SQLite builds the
+// JSON functions in by default only since 3.38, and a build may leave them out: say so when the
+// pool opens rather than fail every query later. Every connection of the process uses the same
+// SQLite, so once they have been found the later pools need not look again.
 void requireJSONFunctions(Connection& connection) {
+    static std::atomic<bool> found{false};
+    if (found.load(std::memory_order_relaxed)) return;
     constexpr std::string_view probe = "SELECT json_valid('[]')";
     try {
         connection.execute(probe);
+        found.store(true, std::memory_order_relaxed);
     } catch (const DatabaseError& error) {
         if (error.message().find("no such function") == std::string::npos) throw;
         throw DatabaseError(
