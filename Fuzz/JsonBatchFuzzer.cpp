@@ -79,8 +79,9 @@ void checkRecord(const Record& record, const nlohmann::json& object, std::size_t
         FUZZ_CHECK(Coding::fields[i].optional || !std::holds_alternative<std::monostate>(values[i]),
                    where + " is required but absent");
     }
-    for (const auto& [key, value] : object.items()) {
-        FUZZ_CHECK(std::ranges::any_of(Coding::fields, [&](const auto& field) { return field.name == key; }),
+    for (const auto& item : object.items()) {
+        const std::string key = item.key();
+        FUZZ_CHECK(std::ranges::any_of(Coding::fields, [&key](const auto& field) { return field.name == key; }),
                    "entry " + std::to_string(entry) + ": the unknown key \"" + key + "\" was accepted");
     }
     RecordValues<Record> copy = values;
