@@ -1,10 +1,8 @@
-// What only real processes and threads show: a notice heard by another process on a session bus,
-// writer processes sharing one file, a writer killed at any moment, and threads sharing one
-// store (also run under ThreadSanitizer). Sizes scale with NDB_STRESS_SCALE.
+// What only real processes and threads show: writer processes sharing one file, a writer killed at
+// any moment, and threads sharing one store (also run under ThreadSanitizer). A notice heard by
+// another process is the tool table's `watch` row. Sizes scale with NDB_STRESS_SCALE.
 
 #include "Testing.hpp"
-
-#include <NotificationDatabase/Platform/DistributedNotificationCenter.hpp>
 
 #include <gtest/gtest.h>
 
@@ -43,27 +41,6 @@ Rows brokenRules(const RawDatabase& raw) {
         broken.push_back(row);
     }
     return broken;
-}
-
-// The writer child saves three notifications and drives its main queue; this process hears
-// three notices, each about a second after its save, on a bus of its own.
-TEST(Process, ANoticeIsHeardByAnotherProcess) {
-    ChildProcess bus("/usr/bin/dbus-daemon", {"--session", "--nofork", "--print-address=1"});
-    const auto address = bus.readLine();
-    ASSERT_TRUE(address) << "no dbus-daemon";
-    ::setenv("DBUS_SESSION_BUS_ADDRESS", address->c_str(), 1);
-    testing::TemporaryDirectory directory;
-    int heard = 0;
-    auto token = DistributedNotificationCenter::defaultCenter()->addObserver(databaseUpdated(), [&](const auto& name) {
-        EXPECT_EQ(name, "databaseUpdatedNotification");
-        if (++heard == 3) MainQueue::main().stop();
-    });
-    ASSERT_TRUE(token);
-    ChildProcess writer(kChild, {"notify", (directory / "db.sqlite").string(), "3"});
-    MainQueue::main().runFor(std::chrono::seconds(30));
-    EXPECT_EQ(writer.wait(), 0);
-    MainQueue::main().runFor(std::chrono::milliseconds(300));  // a fourth would arrive now
-    EXPECT_EQ(heard, 3);
 }
 
 // Writer processes open a file nobody has created yet, all at once, and save; a tenth of their

@@ -298,29 +298,14 @@ protected:
     }
     Timestamp someDate() {
         using namespace std::chrono;
-        switch (pick(10)) {
-            case 0:
-                return now - days(30);  // exactly as old as the age limit
-            case 1:
-                return now - days(30) + 1ms;
-            case 2:
-                return now - days(40);
-            case 3:
-                return now + days(1);
-            case 4:
-                return sys_days(1969y / 12 / 31) + 86'399'999ms;
-            case 5:
-                return sys_days(0y / 1 / 1);
-            case 6:
-                return sys_days(9999y / 12 / 31) + 86'399'999ms;
-            case 7:  // beyond the years the file can hold (which failure comes first without the table is left open)
-                if (model.dropped.empty()) return sys_days(10000y / 1 / 1);
-                [[fallthrough]];
-            case 8:
-                return Timestamp(now.sysTime() - 1h + 400us);
-            default:
-                return now - minutes(pick(5000));
-        }
+        const Timestamp dates[] = {
+            now - days(30), now - days(30) + 1ms, now - days(40), now + days(1),  // around the age limit
+            sys_days(1969y / 12 / 31) + 86'399'999ms, sys_days(0y / 1 / 1), sys_days(9999y / 12 / 31) + 86'399'999ms,
+            Timestamp(now.sysTime() - 1h + 400us),
+            // Beyond the years the file holds (without a table, which failure comes first is open).
+            model.dropped.empty() ? Timestamp(sys_days(10000y / 1 / 1)) : now, now - minutes(pick(5000)),
+            now - minutes(pick(5000))};
+        return dates[pick(std::size(dates))];
     }
     NotificationModelInfo someInfo(std::optional<std::string> customer, bool withButton) {
         NotificationModel n(someID(), std::move(customer), someDate(), someVersion(),

@@ -4,8 +4,6 @@
 //       Waits for <go file>, opens a store (tried again while a new file is being set up by
 //       another process) and saves <count> notifications titled "w<writer>-<j>". Prints
 //       "failed <title>" for each save that logged a failure, then "done".
-//   ndb_child_writer notify <database> <count>
-//       Saves <count> notifications and runs the main queue until the notices are out.
 //   ndb_child_writer crash <database> <run>
 //       Receives notifications through an updater for ever, printing "committed <title>" after
 //       each batch returned, and "pruned <title>" for one created 40 days ago, which the batch's
@@ -70,10 +68,6 @@ int main(int argc, char** argv) {
             store->save(notification(title, j, std::chrono::system_clock::now(), true));
             if (!failures->logged.empty()) std::cout << "failed " << title << ' ' << failures->logged << '\n';
         }
-    } else if (mode == "notify") {
-        store = NotificationDatabaseImpl::create(config);
-        for (int j = 0; j < std::atoi(argv[3]); ++j) store->save(notification("n" + std::to_string(j), j, {}));
-        MainQueue::main().runUntilIdle();
     } else if (mode == "crash") {
         store = NotificationDatabaseImpl::create(config);
         testing::ScheduledNotices notices;
@@ -87,7 +81,7 @@ int main(int argc, char** argv) {
             std::cout << (old ? "pruned " : "committed ") << title << std::endl;
         }
     } else {
-        std::cerr << "usage: ndb_child_writer saves|notify|crash <database> ...\n";
+        std::cerr << "usage: ndb_child_writer saves|crash <database> ...\n";
         return 2;
     }
     std::cout << "done" << std::endl;

@@ -38,8 +38,6 @@ public:
         std::error_code ignored;
         std::filesystem::remove_all(path_, ignored);
     }
-    TemporaryDirectory(const TemporaryDirectory&) = delete;
-    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
 
     std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
     const std::filesystem::path& path() const { return path_; }
@@ -53,8 +51,6 @@ class LogCapture {
 public:
     LogCapture() : previous_(Logger::module()->destinations()) { Logger::module()->setDestinations({sink_}); }
     ~LogCapture() { Logger::module()->setDestinations(previous_); }
-    LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
 
     // The entries so far, and then none.
     std::vector<CapturingLogDestination::Entry> take() {
@@ -79,8 +75,6 @@ public:
         });
     }
     ~ScheduledNotices() { MainQueue::main().setScheduler({}); }
-    ScheduledNotices(const ScheduledNotices&) = delete;
-    ScheduledNotices& operator=(const ScheduledNotices&) = delete;
 
     // The deadlines scheduled so far, and then none.
     std::vector<MainQueue::Clock::time_point> take() {
@@ -101,8 +95,6 @@ public:
         sqlite3_busy_timeout(db_, 5000);
     }
     ~RawDatabase() { sqlite3_close_v2(db_); }
-    RawDatabase(const RawDatabase&) = delete;
-    RawDatabase& operator=(const RawDatabase&) = delete;
 
     // Runs `sql` and renders every row, one text per column: "NULL", x'..' for bytes, else the
     // value as SQLite gives it as text.
@@ -164,8 +156,6 @@ public:
         if (!reaped_) ::kill(pid_, SIGKILL), ::waitpid(pid_, nullptr, 0);
         ::fclose(output_);
     }
-    ChildProcess(const ChildProcess&) = delete;
-    ChildProcess& operator=(const ChildProcess&) = delete;
 
     // The next line of output without its line feed; nullopt at the end.
     std::optional<std::string> readLine() {
