@@ -5,14 +5,11 @@
 // so that the child programs can use it too.
 
 #include <NotificationDatabase/NotificationDatabase.hpp>
-#include <NotificationDatabase/Platform/Logger.hpp>
 #include <NotificationDatabase/Platform/MainQueue.hpp>
 
 #include <sqlite3.h>
 
-#include <atomic>
 #include <filesystem>
-#include <memory>
 #include <mutex>
 #include <optional>
 #include <random>
@@ -26,24 +23,23 @@
 
 namespace notificationdb::testing {
 
+using Rows = std::vector<std::vector<std::string>>;
+
 // A fresh directory below the system's temporary directory, removed with its contents.
 class TemporaryDirectory {
 public:
-    TemporaryDirectory() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "ndb-test-XXXXXX").string();
-        if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("cannot create a temporary directory");
-        path_ = pattern;
+    TemporaryDirectory() : path_((std::filesystem::temp_directory_path() / "ndb-test-XXXXXX").string()) {
+        if (::mkdtemp(path_.data()) == nullptr) throw std::runtime_error("cannot create a temporary directory");
     }
     ~TemporaryDirectory() {
         std::error_code ignored;
         std::filesystem::remove_all(path_, ignored);
     }
-
-    std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
-    const std::filesystem::path& path() const { return path_; }
+    std::filesystem::path operator/(const std::string& name) const { return std::filesystem::path(path_) / name; }
+    std::filesystem::path path() const { return path_; }
 
 private:
-    std::filesystem::path path_;
+    std::string path_;
 };
 
 // Sends everything logged through `Logger::module()` to memory while it lives.
@@ -51,7 +47,6 @@ class LogCapture {
 public:
     LogCapture() : previous_(Logger::module()->destinations()) { Logger::module()->setDestinations({sink_}); }
     ~LogCapture() { Logger::module()->setDestinations(previous_); }
-
     // The entries so far, and then none.
     std::vector<CapturingLogDestination::Entry> take() {
         auto entries = sink_->entries();
@@ -75,7 +70,6 @@ public:
         });
     }
     ~ScheduledNotices() { MainQueue::main().setScheduler({}); }
-
     // The deadlines scheduled so far, and then none.
     std::vector<MainQueue::Clock::time_point> take() {
         std::lock_guard lock(mutex_);
@@ -98,38 +92,34 @@ public:
 
     // Runs `sql` and renders every row, one text per column: "NULL", x'..' for bytes, else the
     // value as SQLite gives it as text.
-    std::vector<std::vector<std::string>> query(const std::string& sql) const {
+    Rows query(const std::string& sql) const {
         sqlite3_stmt* statement = nullptr;
-        if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) fail(sql);
-        std::vector<std::vector<std::string>> rows;
-        int rc = SQLITE_OK;
-        while ((rc = sqlite3_step(statement)) == SQLITE_ROW) {
+        Rows rows;
+        int rc = sqlite3_prepare_v2(db_, sql.c_str(), -1, &statement, nullptr);
+        for (rc = rc == SQLITE_OK ? sqlite3_step(statement) : rc; rc == SQLITE_ROW; rc = sqlite3_step(statement)) {
             auto& row = rows.emplace_back();
             for (int i = 0; i < sqlite3_column_count(statement); ++i) {
-                const auto size = static_cast<std::size_t>(sqlite3_column_bytes(statement, i));
+                const auto size = std::size_t(sqlite3_column_bytes(statement, i));
+                const auto* bytes = static_cast<const unsigned char*>(sqlite3_column_blob(statement, i));
                 if (sqlite3_column_type(statement, i) == SQLITE_NULL) {
                     row.emplace_back("NULL");
                 } else if (sqlite3_column_type(statement, i) == SQLITE_BLOB) {
-                    const auto* bytes = static_cast<const unsigned char*>(sqlite3_column_blob(statement, i));
-                    std::string text = "x'";
+                    row.emplace_back("x'");
                     for (std::size_t b = 0; b < size; ++b)
-                        text += {"0123456789ABCDEF"[bytes[b] >> 4], "0123456789ABCDEF"[bytes[b] & 15]};
-                    row.push_back(text + "'");
+                        row.back() += {"0123456789ABCDEF"[bytes[b] >> 4], "0123456789ABCDEF"[bytes[b] & 15]};
+                    row.back() += "'";
                 } else {
                     row.emplace_back(reinterpret_cast<const char*>(sqlite3_column_text(statement, i)), size);
                 }
             }
         }
         sqlite3_finalize(statement);
-        if (rc != SQLITE_DONE) fail(sql);
+        if (rc != SQLITE_DONE) throw std::runtime_error(std::string(sqlite3_errmsg(db_)) + " in: " + sql);
         return rows;
     }
     void execute(const std::string& sql) const { (void)query(sql); }
 
 private:
-    [[noreturn]] void fail(const std::string& sql) const {
-        throw std::runtime_error(std::string(sqlite3_errmsg(db_)) + " in: " + sql);
-    }
     sqlite3* db_ = nullptr;
 };
 
@@ -141,8 +131,6 @@ public:
         if (::pipe(fds) != 0 || (pid_ = ::fork()) < 0) throw std::runtime_error("cannot start " + program);
         if (pid_ == 0) {
             ::dup2(fds[1], STDOUT_FILENO);
-            ::close(fds[0]);
-            ::close(fds[1]);
             std::vector<char*> argv{const_cast<char*>(program.c_str())};
             for (auto& argument : arguments) argv.push_back(argument.data());
             argv.push_back(nullptr);
@@ -156,15 +144,12 @@ public:
         if (!reaped_) ::kill(pid_, SIGKILL), ::waitpid(pid_, nullptr, 0);
         ::fclose(output_);
     }
-
     // The next line of output without its line feed; nullopt at the end.
     std::optional<std::string> readLine() {
-        char* line = nullptr;
-        std::size_t capacity = 0;
-        const ssize_t length = ::getline(&line, &capacity, output_);
-        std::optional<std::string> text;
-        if (length > 0) text.emplace(line, static_cast<std::size_t>(line[length - 1] == '\n' ? length - 1 : length));
-        std::free(line);
+        char line[4096];
+        if (std::fgets(line, sizeof line, output_) == nullptr) return std::nullopt;
+        std::string text(line);
+        if (!text.empty() && text.back() == '\n') text.pop_back();
         return text;
     }
     void kill() const { ::kill(pid_, SIGKILL); }
@@ -182,16 +167,15 @@ private:
     FILE* output_ = nullptr;
 };
 
-// The seed of a randomized test: $NDB_TEST_SEED when set, else a fresh one.
-inline std::uint64_t testSeed() {
-    if (const char* seed = std::getenv("NDB_TEST_SEED"); seed != nullptr && *seed != '\0') return std::stoull(seed);
-    return std::random_device{}();
-}
-
 // A whole number from the environment, or `fallback`.
 inline long environmentNumber(const char* name, long fallback) {
     const char* value = std::getenv(name);
     return value != nullptr && *value != '\0' ? std::stol(value) : fallback;
+}
+
+// The seed of a randomized test: $NDB_TEST_SEED when set, else a fresh one.
+inline std::uint64_t testSeed() {
+    return std::uint64_t(environmentNumber("NDB_TEST_SEED", long(std::random_device{}())));
 }
 
 }  // namespace notificationdb::testing
