@@ -28,19 +28,12 @@ int scaled(int count) {
 // What no sequence of saves, deletions and crashes may leave: a damaged file, a button without
 // its notification, or a content key stored twice.
 Rows brokenRules(const RawDatabase& raw) {
-    Rows broken;
-    for (auto& row : raw.query("PRAGMA integrity_check")) {
-        if (row[0] != "ok") broken.push_back(row);
-    }
-    for (auto& row : raw.query("SELECT 'orphan button', id FROM notificationButton WHERE notificationId NOT IN "
-                               "(SELECT id FROM notification)")) {
-        broken.push_back(row);
-    }
-    for (auto& row : raw.query("SELECT 'stored twice', version FROM notification WHERE notificationKind != 0 "
-                               "GROUP BY customerId, notificationKind, version, appId HAVING COUNT(*) > 1")) {
-        broken.push_back(row);
-    }
-    return broken;
+    return raw.query(
+        "SELECT integrity_check FROM pragma_integrity_check WHERE integrity_check != 'ok' UNION ALL "
+        "SELECT 'orphan button ' || id FROM notificationButton WHERE notificationId NOT IN (SELECT id FROM "
+        "notification) "
+        "UNION ALL SELECT 'stored twice ' || version FROM notification WHERE notificationKind != 0 "
+        "GROUP BY customerId, notificationKind, version, appId HAVING COUNT(*) > 1");
 }
 
 // Writer processes open a file nobody has created yet, all at once, and save; a tenth of their

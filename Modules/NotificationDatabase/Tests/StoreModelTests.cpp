@@ -282,6 +282,11 @@ protected:
         return values.begin()[pick(values.size())];
     }
     bool chance(double p) { return std::bernoulli_distribution(p)(random); }
+    // An entry of a non-empty map, at random.
+    template <class Map>
+    auto& any(Map& map) {
+        return *std::next(map.begin(), std::ptrdiff_t(pick(map.size())));
+    }
 
     std::optional<std::int64_t> someID() {
         return chance(0.4) ? std::nullopt : std::optional(pick<std::int64_t>({-2, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
@@ -408,8 +413,7 @@ protected:
                 for (std::size_t i = pick(5); i > 0; --i) {
                     auto info = chance(0.5) && !listed.empty() ? listed[pick(listed.size())] : someInfo();
                     if (!model.buttons.empty() && chance(0.3)) {
-                        const auto& b =
-                            std::next(model.buttons.begin(), std::ptrdiff_t(pick(model.buttons.size())))->second;
+                        const auto& b = any(model.buttons).second;
                         info.actionButton = b;
                     }
                     set.insert(info);
@@ -462,9 +466,7 @@ protected:
                 auto app = pick<std::optional<std::int64_t>>({std::nullopt, 0, 7});
                 auto version = chance(0.5) ? std::nullopt : std::optional(someVersion());
                 if (!model.notifications.empty() && chance(0.5)) {  // the key of a stored one, in part
-                    const auto& n =
-                        std::next(model.notifications.begin(), std::ptrdiff_t(pick(model.notifications.size())))
-                            ->second;
+                    const auto& n = any(model.notifications).second;
                     kind = n.notificationKind;
                     customer = n.customerId().value_or("c1");
                     app = chance(0.5) ? n.appId : std::nullopt;
@@ -535,8 +537,7 @@ protected:
         switch (pick(4)) {
             case 0: {  // a second button row for a stored notification
                 if (model.notifications.empty() || !model.dropped.empty() || model.locked) return "nothing";
-                const auto owner =
-                    std::next(model.notifications.begin(), std::ptrdiff_t(pick(model.notifications.size())))->first;
+                const auto owner = any(model.notifications).first;
                 other->execute(
                     "INSERT INTO notificationButton (buttonId, title, visible, notificationId, actionKind, userAction) "
                     "VALUES ('extra', NULL, 1, " +
