@@ -53,107 +53,72 @@ struct Case {
 
 const Operation count = [](auto& s) { return std::to_string(s.notificationsCount()); };
 const Operation fetch = [](auto& s) { return std::to_string(s.fetchNotifications(std::nullopt).size()) + " rows"; };
-const Operation saveSecondAgainByContent = [](auto& s) {
-    return s.save(entry(std::nullopt, NotificationKind::appUpdate, "2", std::nullopt)), "";
-};
 const Operation saveNew = [](auto& s) { return s.save(entry(9, NotificationKind::ai, "9", 9)), ""; };
+const Operation deleteAll = [](auto& s) { return s.deleteAll(), ""; };
+const Operation markRead = [](auto& s) { return s.updateStatus({1, 2}, NotificationStatus::read), ""; };
+const char* const kBadStatus = "UPDATE notification SET status = 7 WHERE id = 2";
+const char* const kRefuseDeleting2 =
+    "CREATE TRIGGER refuse BEFORE DELETE ON notification WHEN old.id = 2 BEGIN SELECT RAISE(FAIL, 'refused'); END";
 const std::string kUnreadable = R"(could not read column "status" of "notification": integer is no NotificationStatus)";
 const std::string kRefused = "SQLite error 19 (SQLITE_CONSTRAINT_TRIGGER): refused";
 const std::string kReadOnly = "SQLite error 8 (SQLITE_READONLY): attempt to write a readonly database";
+const std::string kUnsaved = "Unable to save wrapped notification: ";
 
+// clang-format off
 const std::vector<Case> kCases = {
-    {"UPDATE notification SET status = 7 WHERE id = 2", "fetch", fetch, "0 rows",
-     "Unable to read wrapped notifications: " + kUnreadable},
-    {"UPDATE notification SET status = 7 WHERE id = 2", "count", count, "3", ""},
-    {"UPDATE notification SET status = 7 WHERE id = 2", "containsNotification",
+    {kBadStatus, "fetch", fetch, "0 rows", "Unable to read wrapped notifications: " + kUnreadable},
+    {kBadStatus, "count", count, "3", ""},
+    {kBadStatus, "containsNotification",
      [](auto& s) { return std::to_string(s.containsNotification(NotificationKind::appUpdate, "c", {}, "2")); }, "0",
      ""},
-    {"UPDATE notification SET status = 7 WHERE id = 2", "containsVantro",
-     [](auto& s) { return std::to_string(s.containsVantro("2")); }, "1", ""},
-    {"UPDATE notification SET status = 7 WHERE id = 2", "save a content duplicate", saveSecondAgainByContent, "",
-     "Unable to save wrapped notification: " + kUnreadable},
-    {"UPDATE notification SET status = 7 WHERE id = 2", "deleteAllNotifications",
+    {kBadStatus, "containsVantro", [](auto& s) { return std::to_string(s.containsVantro("2")); }, "1", ""},
+    {kBadStatus, "save a content duplicate",
+     [](auto& s) { return s.save(entry(std::nullopt, NotificationKind::appUpdate, "2", std::nullopt)), ""; }, "",
+     kUnsaved + kUnreadable},
+    {kBadStatus, "deleteAllNotifications",
      [](auto& s) { return s.deleteAllNotifications(NotificationKind::appUpdate), ""; }, "",
      "Unable to delete all notification with kind 2: " + kUnreadable},
-    {"UPDATE notification SET status = 7 WHERE id = 2", "cleanUp long after",
-     [](auto& s) {
+    {kBadStatus, "cleanUp long after", [](auto& s) {
          std::shared_ptr<NotificationDatabaseProtocol> store(&s, [](auto*) {});
          NotificationUpdaterImpl(store, [] { return parseDateText("2099-01-01").value(); }).cleanUp();
          return "";
-     },
-     "", "Unable to read wrapped notifications: " + kUnreadable},
+     }, "", "Unable to read wrapped notifications: " + kUnreadable},
     {"ALTER TABLE notification DROP COLUMN bannerUrl", "fetch", fetch, "3 rows", ""},
     {"ALTER TABLE notification DROP COLUMN bannerUrl", "save", saveNew, "",
-     "Unable to save wrapped notification: SQLite error 1 (SQLITE_ERROR): table notification has no column named "
-     "bannerUrl"},
+     kUnsaved + "SQLite error 1 (SQLITE_ERROR): table notification has no column named bannerUrl"},
     {"CREATE TRIGGER refuse BEFORE INSERT ON notificationButton BEGIN SELECT RAISE(ABORT, 'refused'); END", "save",
-     saveNew, "", "Unable to save wrapped notification: " + kRefused},
+     saveNew, "", kUnsaved + kRefused},
     {"CREATE TRIGGER refuse BEFORE UPDATE ON notification BEGIN SELECT RAISE(ABORT, 'refused'); END", "updateStatus",
-     [](auto& s) {
-         return s.updateStatus({1, 2}, NotificationStatus::read), "";
-     },
-     "", "Unable to mark as read notification IDs: [1, 2]: " + kRefused},
+     markRead, "", "Unable to mark as read notification IDs: [1, 2]: " + kRefused},
     {"CREATE TRIGGER refuse BEFORE UPDATE ON notificationButton WHEN old.notificationId = 2 "
-     "BEGIN SELECT RAISE(ABORT, 'refused'); END",
-     "updateButtonVisibility",
-     [](auto& s) {
-         return s.updateButtonVisibility({1, 2, 3}, false), "";
-     },
-     "",
-     "",
+     "BEGIN SELECT RAISE(ABORT, 'refused'); END", "updateButtonVisibility",
+     [](auto& s) { return s.updateButtonVisibility({1, 2, 3}, false), ""; }, "", "",
      {"UPDATE expected.notificationButton SET visible = 0 WHERE notificationId = 1"}},
-    {"CREATE TRIGGER refuse BEFORE DELETE ON notification WHEN old.id = 2 BEGIN SELECT RAISE(FAIL, 'refused'); END",
-     "deleteAll",
-     [](auto& s) { return s.deleteAll(), ""; },
-     "",
-     "",
-     {"DELETE FROM expected.notification WHERE id = 1", "DELETE FROM expected.notificationButton"},
-     1},
-    {"CREATE TRIGGER refuse BEFORE DELETE ON notification WHEN old.id = 2 BEGIN SELECT RAISE(FAIL, 'refused'); END",
-     "delete",
-     [](auto& s) {
-         return s.deleteNotifications(named({1, 2, 3})), "";
-     },
-     "",
-     "",
+    {kRefuseDeleting2, "deleteAll", deleteAll, "", "",
+     {"DELETE FROM expected.notification WHERE id = 1", "DELETE FROM expected.notificationButton"}, 1},
+    {kRefuseDeleting2, "delete", [](auto& s) { return s.deleteNotifications(named({1, 2, 3})), ""; }, "", "",
      {"DELETE FROM expected.notification WHERE id = 1",
-      "DELETE FROM expected.notificationButton WHERE notificationId = 1"},
-     1},
-    {"CREATE TRIGGER refuse AFTER DELETE ON notification BEGIN SELECT RAISE(ABORT, 'refused'); END",
-     "deleteAll",
-     [](auto& s) { return s.deleteAll(), ""; },
-     "",
-     "",
-     {"DELETE FROM expected.notificationButton"}},
+      "DELETE FROM expected.notificationButton WHERE notificationId = 1"}, 1},
+    {"CREATE TRIGGER refuse AFTER DELETE ON notification BEGIN SELECT RAISE(ABORT, 'refused'); END", "deleteAll",
+     deleteAll, "", "", {"DELETE FROM expected.notificationButton"}},
     // Without a child table SQLite empties "notification" in one step; the notice must still go.
-    {"DROP TABLE notificationButton",
-     "deleteAll",
-     [](auto& s) { return s.deleteAll(), ""; },
-     "",
-     "",
-     {"DELETE FROM expected.notification"},
-     1},
-    {"read-only store", "save", saveNew, "", "Unable to save wrapped notification: " + kReadOnly},
+    {"DROP TABLE notificationButton", "deleteAll", deleteAll, "", "", {"DELETE FROM expected.notification"}, 1},
+    {"read-only store", "save", saveNew, "", kUnsaved + kReadOnly},
     {"read-only store", "updateStatus", [](auto& s) { return s.updateStatus({}, NotificationStatus::read), ""; }, "",
      "Unable to mark as read notification IDs: []: " + kReadOnly},
-    {"read-only store", "deleteAll", [](auto& s) { return s.deleteAll(), ""; }, "", ""},
+    {"read-only store", "deleteAll", deleteAll, "", ""},
     {"read-only store", "fetch", fetch, "3 rows", ""},
     {"BEGIN IMMEDIATE", "open and count", count, "3", ""},
-    {"a scheduler that writes",
-     "save",
-     [](auto& s) {
+    {"a scheduler that writes", "save", [](auto& s) {
          MainQueue::main().setScheduler([&s](auto, auto) { s.save(entry(8, NotificationKind::ai, "8", {})); });
          s.save(entry(9, NotificationKind::ai, "9", std::nullopt));
          MainQueue::main().setScheduler({});
          return "";
-     },
-     "",
-     "Unable to save wrapped notification: a write of the database was started from inside another write of it "
-     "on the same thread",
+     }, "", kUnsaved + "a write of the database was started from inside another write of it on the same thread",
      {"INSERT INTO expected.notification SELECT 9, 'c', createdDate, '9', analyticsTag, NULL, NULL, NULL, 0, NULL, 0, "
-      "4 "
-      "FROM notification WHERE id = 1"}},
+      "4 FROM notification WHERE id = 1"}},
 };
+// clang-format on
 
 void PrintTo(const Case& c, std::ostream* out) {
     *out << c.operation << " after " << c.fault;

@@ -1,28 +1,27 @@
 // The notificationdb tool as people run it. Each row is a bash command line, run on a private
-// D-Bus session bus in a fresh directory that is also HOME (and holds XDG_DATA_HOME), with
-//   ndb ARGS...   the tool
-//   db ARGS...    the tool on ./db.sqlite
-//   seed          db receive sample.json: the three notifications below
-// A row gives standard input, a fragment of standard output and one of standard error (empty:
-// nothing may be written there), the exit status, and files that must and must not exist
-// afterwards. Every line on standard error, in every row, is in the tool's style.
+// D-Bus session bus in a fresh directory that is also HOME, after the prelude below. A row gives
+// standard input, a fragment of standard output and one of standard error (empty: nothing may be
+// written there), the exit status, and files that must and must not exist afterwards. Every line
+// on standard error, in every row, is in the tool's style.
+
+#include "Testing.hpp"
 
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
-
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <sstream>
-#include <string>
-#include <vector>
 
 namespace {
 
 namespace fs = std::filesystem;
 
 const fs::path toolPath = NDB_TOOL_PATH;
+
+const std::string prelude = R"(export HOME="$PWD" XDG_DATA_HOME="$PWD/share"
+ndb() { "$NDB_TOOL" "$@"; }                    # the tool
+db() { ndb --database db.sqlite "$@"; }        # the tool on ./db.sqlite
+seed() { db receive sample.json >/dev/null; }  # the three notifications below
+)";
 
 // Dated in 2099, so that the pruning after each receive keeps them: as RFC 3339 text in UTC,
 // as seconds since 1970 (2099-01-01 00:00:00) and as RFC 3339 text with an offset.
@@ -44,13 +43,9 @@ std::string entry(const std::string& fields) {
 const std::string good = entry(R"("createdDate": "2099-01-01", "status": 0, "notificationKind": 0)");
 
 struct Row {
-    std::string line;
-    std::string input;
-    std::string out;
-    std::string err;
+    std::string line, input, out, err;
     int status = 0;
-    std::vector<std::string> present = {};
-    std::vector<std::string> absent = {};
+    std::vector<std::string> present = {}, absent = {};
 };
 
 // clang-format off
@@ -138,14 +133,9 @@ const std::vector<Row> rows = {
 // clang-format on
 
 std::string readFile(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
     std::ostringstream text;
-    text << in.rdbuf();
+    text << std::ifstream(path, std::ios::binary).rdbuf();
     return text.str();
-}
-
-void writeFile(const fs::path& path, const std::string& text) {
-    std::ofstream(path, std::ios::binary) << text;
 }
 
 // Parameterised by the row's index, which names the test.
@@ -154,26 +144,20 @@ class ToolRow : public ::testing::TestWithParam<std::size_t> {};
 TEST_P(ToolRow, RunsAsStated) {
     if (toolPath.empty()) GTEST_SKIP() << "the notificationdb tool is not part of this build";
     const Row& row = rows[GetParam()];
-    std::string base = (fs::temp_directory_path() / "notificationdb-tool-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(base.data()), nullptr);
-    const fs::path work = fs::path(base) / "work";
+    const notificationdb::testing::TemporaryDirectory base;
+    const fs::path work = base / "work";
     fs::create_directory(work);
-    writeFile(work / "sample.json", sample);
-    writeFile(fs::path(base) / "stdin", row.input);
-    writeFile(fs::path(base) / "row.sh", "export NDB_TOOL='" + toolPath.string() + "' NDB_DOCS='" +
-                                             toolPath.parent_path().string() +
-                                             "' HOME=\"$PWD\" XDG_DATA_HOME=\"$PWD/share\"\n"
-                                             "ndb() { \"$NDB_TOOL\" \"$@\"; }\n"
-                                             "db() { ndb --database db.sqlite \"$@\"; }\n"
-                                             "seed() { db receive sample.json >/dev/null; }\n" +
-                                             row.line + "\n");
+    std::ofstream(work / "sample.json", std::ios::binary) << sample;
+    std::ofstream(base / "stdin", std::ios::binary) << row.input;
+    std::ofstream(base / "row.sh", std::ios::binary) << prelude << row.line << "\n";
+    ::setenv("NDB_TOOL", toolPath.c_str(), 1);
+    ::setenv("NDB_DOCS", toolPath.parent_path().c_str(), 1);
     // The bus daemon's own complaints (about file limits, say) go elsewhere.
     const int wait = std::system(("cd '" + work.string() +
                                   "' && dbus-run-session -- sh -c 'exec bash ../row.sh 2>../stderr' "
                                   "<../stdin >../stdout 2>/dev/null")
                                      .c_str());
-    const std::string out = readFile(fs::path(base) / "stdout");
-    const std::string err = readFile(fs::path(base) / "stderr");
+    const std::string out = readFile(base / "stdout"), err = readFile(base / "stderr");
 
     SCOPED_TRACE(row.line + "\n--- stdout:\n" + out + "--- stderr:\n" + err);
     EXPECT_EQ(WIFEXITED(wait) ? WEXITSTATUS(wait) : -1, row.status);
@@ -187,7 +171,6 @@ TEST_P(ToolRow, RunsAsStated) {
     for (std::string line; std::getline(lines, line);) EXPECT_TRUE(line.starts_with("notificationdb: ")) << line;
     for (const auto& name : row.present) EXPECT_TRUE(fs::exists(work / name)) << name;
     for (const auto& name : row.absent) EXPECT_FALSE(fs::exists(work / name)) << name;
-    fs::remove_all(base);
 }
 
 INSTANTIATE_TEST_SUITE_P(Tool, ToolRow, ::testing::Range<std::size_t>(0, rows.size()));
