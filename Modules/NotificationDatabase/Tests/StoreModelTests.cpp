@@ -20,8 +20,7 @@
 namespace notificationdb {
 namespace {
 
-using namespace std::chrono_literals;
-using testing::RawDatabase;
+using namespace std::chrono;
 using testing::Rows;
 using Text = std::optional<std::string>;
 using ID = std::optional<std::int64_t>;
@@ -29,9 +28,9 @@ using Infos = std::vector<NotificationModelInfo>;
 
 // The stored forms, written here from the file's format.
 std::string dateText(Timestamp date) {
-    const auto day = std::chrono::floor<std::chrono::days>(date.sysTime());
-    const std::chrono::year_month_day ymd{day};
-    const std::chrono::hh_mm_ss time{date.sysTime() - day};
+    const auto day = floor<days>(date.sysTime());
+    const year_month_day ymd{day};
+    const hh_mm_ss time{date.sysTime() - day};
     char text[32];
     std::snprintf(text, sizeof text, "%04d-%02u-%02u %02ld:%02ld:%02ld.%03ld", int(ymd.year()), unsigned(ymd.month()),
                   unsigned(ymd.day()), long(time.hours().count()), long(time.minutes().count()),
@@ -66,18 +65,14 @@ std::vector<std::string> row(const NotificationButton& b) {
             stored(b.notificationId), stored(b.actionKind), stored(b.userAction)};
 }
 
-// Every field of a pair, for comparing lists: pairs themselves compare by notification id only.
-std::string fieldsOf(const NotificationModelInfo& info) {
-    std::string text;
-    for (const auto& field : row(info.notification)) text += field + '|';
-    for (const auto& field : info.actionButton ? row(*info.actionButton) : Rows::value_type{}) text += field + '|';
-    return text;
-}
-
-template <class Infos>
-std::vector<std::string> sortedFields(const Infos& infos) {
-    std::vector<std::string> fields;
-    for (const NotificationModelInfo& info : infos) fields.push_back(fieldsOf(info));
+// Every field of each pair, sorted, for comparing lists: pairs themselves compare by notification id only.
+template <class Range>
+Rows sortedFields(const Range& infos) {
+    Rows fields;
+    for (const NotificationModelInfo& info : infos) {
+        fields.push_back(row(info.notification));
+        if (info.actionButton) std::ranges::copy(row(*info.actionButton), std::back_inserter(fields.back()));
+    }
     std::ranges::sort(fields);
     return fields;
 }
@@ -111,15 +106,13 @@ struct Model {
         return dropped.empty() ? std::nullopt : std::optional(noButtons() ? kNoButtonTable : kNoTable);
     }
     std::optional<std::string_view> writeFailure() const {
-        if (locked) return kBusy;
-        return noNotifications() ? std::optional(kNoTable) : std::nullopt;
+        return locked ? std::optional(kBusy) : noNotifications() ? std::optional(kNoTable) : std::nullopt;
     }
     void log(const std::string& text, std::string_view error) { messages.push_back(text + std::string(error)); }
 
     // Whether a notification of this kind and customer is stored, of the app and version when given.
     bool contains(NotificationKind kind, const Text& customer, ID app, const Text& version) const {
-        return std::ranges::any_of(notifications, [&](const auto& e) {
-            const NotificationModel& n = e.second;
+        return std::ranges::any_of(notifications | std::views::values, [&](const NotificationModel& n) {
             return n.customerId() == customer && n.notificationKind == kind && (!app || n.appId == app) &&
                    (!version || n.version == *version);
         });
@@ -134,8 +127,7 @@ struct Model {
         if (n.notificationKind != NotificationKind::default_ &&
             contains(n.notificationKind, n.customerId(), n.appId, n.version))
             return;
-        const auto year =
-            int(std::chrono::year_month_day(std::chrono::floor<std::chrono::days>(n.createdDate.sysTime())).year());
+        const auto year = int(year_month_day(floor<days>(n.createdDate.sysTime())).year());
         if (year < 0 || year > 9999)
             return fail(R"(could not read column "createdDate" of "notification": date is outside years 0000 to 9999)");
         if (noButtons() && info.actionButton) return fail(kNoButtonTable);
@@ -153,10 +145,9 @@ struct Model {
             buttonID, NotificationButton(buttonID, b.buttonId, b.title, b.visible, id, b.actionKind, b.userAction));
     }
 
-    // Deletes notifications with their buttons (the foreign key's cascade), then buttons by id.
-    // Without the table "notification" neither DELETE can run (a button's delete checks its
-    // foreign key); without "notificationButton" the first runs alone. Those failures are dropped;
-    // under another program's lock the whole transaction fails and is logged.
+    // Deletes notifications with their buttons (the foreign key's cascade), then buttons by id, in one
+    // transaction that another program's lock fails. Without "notification" neither DELETE runs (a
+    // button's delete checks its foreign key), without "notificationButton" the first runs alone: unlogged.
     void remove(const NotificationIDs& ids, const NotificationIDs& buttonIDs) {
         if (locked) return log("Unable to reset notifications database: ", kBusy);
         if (noNotifications()) return;
@@ -196,7 +187,7 @@ struct Model {
         NotificationIDs ids;
         std::map<Text, std::vector<const NotificationModel*>> groups;
         for (const auto& info : fetched) {
-            if (info.notification.createdDate <= now - std::chrono::days(30)) ids.insert(*info.notification.id());
+            if (info.notification.createdDate <= now - days(30)) ids.insert(*info.notification.id());
             groups[info.notification.customerId()].push_back(&info.notification);
         }
         for (auto& [customer, group] : groups) {
@@ -246,17 +237,15 @@ protected:
     Timestamp now = parseDateText("2026-11-01 12:00:00.000").value();
     NotificationUpdaterImpl updater{store, [this] { return now; }};
     Model model;
-    RawDatabase other{config.storageURL()};  // another program's connection
+    testing::RawDatabase other{config.storageURL()};  // another program's connection
     Rows droppedSchema;
     std::string droppedSequence;
     std::int64_t nextBurstID = 1000;
-    int lockedSteps = 0;
-    int droppedSteps = 0;
+    int lockedSteps = 0, droppedSteps = 0;
 
     // Dropping a table must not empty its children through the foreign key.
     void SetUp() override { other.execute("PRAGMA foreign_keys = OFF"); }
 
-    // The value pool.
     const std::vector<Text> texts{std::nullopt,           "",         "Hello",
                                   std::string("a\0b", 3), "\xff\xfe", "'; DROP TABLE notification; --"};
     const std::vector<std::string> versions{"1.0", "V1", "v1", "", std::string("1.0\0x", 5), "' OR 1=1 --"};
@@ -279,7 +268,6 @@ protected:
 
     ID someID() { return chance(0.4) ? ID() : pick<std::int64_t>({-2, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10}); }
     Timestamp someDate() {
-        using namespace std::chrono;
         const Timestamp dates[] = {
             now - days(30), now - days(30) + 1ms, now - days(40), now + days(1),  // around the age limit
             sys_days(1969y / 12 / 31) + 86'399'999ms, sys_days(0y / 1 / 1), sys_days(9999y / 12 / 31) + 86'399'999ms,
@@ -324,20 +312,18 @@ protected:
             case 0: {
                 const auto info = someInfo();
                 store->store->save(info), model.save(info);
-                return "save " + fieldsOf(info);
+                return "save " + stored(info.notification.id());
             }
             case 1: {
                 Infos batch;
                 const bool burst = !model.locked && chance(0.15);
                 const auto customer = any(customers);
-                // A burst: new notifications of one customer, forty to each date, so that equal dates
-                // meet the limit, each with an id of its own (pairs without id are all equal).
+                // A burst: new notifications of the default kind for one customer, forty to each date, so that
+                // equal dates meet the limit, each with an id of its own (pairs without id are all equal).
                 for (std::size_t i = burst ? 120 : pick(5); i > 0; --i) {
-                    batch.push_back(
-                        burst ? NotificationModel(nextBurstID++, customer, now - std::chrono::minutes(i / 40), "1.0",
-                                                  "tag", std::nullopt, std::nullopt, std::nullopt, false, std::nullopt,
-                                                  NotificationStatus::new_, NotificationKind::default_)
-                              : someInfo());
+                    batch.push_back(burst ? NotificationModel(nextBurstID++, customer, now - minutes(i / 40), "1.0",
+                                                              "tag", {}, {}, {}, false, {}, {}, {})
+                                          : someInfo());
                 }
                 updater.receive(batch);
                 if (batch.empty()) {
@@ -433,9 +419,9 @@ protected:
                 return "deleteAll";
             case 9: {
                 const auto version = any(versions);
-                const bool found = std::ranges::any_of(model.notifications | std::views::values,
-                                                       [&](const auto& n) { return n.version == version; });
-                EXPECT_EQ(store->store->containsVantro(version), model.noNotifications() || found);
+                const auto count =
+                    std::ranges::count(model.notifications | std::views::values, version, &NotificationModel::version);
+                EXPECT_EQ(store->store->containsVantro(version), model.noNotifications() || count > 0);
                 return "containsVantro";
             }
             case 10: {  // keys made up, or in part those of a stored notification
@@ -449,7 +435,7 @@ protected:
                 return "containsNotification";
             }
             case 11:
-                now = now + pick<std::chrono::milliseconds>({1h, 24h, 240h, 744h});
+                now = now + pick<milliseconds>({1h, 24h, 240h, 744h});
                 return "advance the clock";
 
             case 12: {  // a second button row for a stored notification
@@ -528,8 +514,8 @@ protected:
         const auto expectTable = [&](const std::string& table, const auto& entries) {
             Rows rows;
             for (const auto& [id, entry] : entries) rows.push_back(row(entry));
-            EXPECT_EQ(other.query("SELECT * FROM " + (table == model.dropped ? "saved" : table) + " ORDER BY id"), rows)
-                << table;
+            EXPECT_EQ(other.query("SELECT * FROM " + (table == model.dropped ? "saved" : table) + " ORDER BY id"),
+                      rows);
         };
         expectTable("notification", model.notifications);
         expectTable("notificationButton", model.buttons);
@@ -542,9 +528,8 @@ protected:
 };
 
 TEST_F(StoreModel, RandomOperationsMatchTheModel) {
-    const long steps = testing::environmentNumber("NDB_MODEL_STEPS", 400);
     std::deque<std::string> lastSteps;
-    for (long i = 0; i < steps && !HasFailure(); ++i) {
+    for (long i = 0, steps = testing::environmentNumber("NDB_MODEL_STEPS", 400); i < steps && !HasFailure(); ++i) {
         const auto began = MainQueue::Clock::now();
         lastSteps.push_back(step());
         if (lastSteps.size() > 8) lastSteps.pop_front();
