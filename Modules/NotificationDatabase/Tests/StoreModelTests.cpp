@@ -318,8 +318,8 @@ protected:
                 Infos batch;
                 const bool burst = !model.locked && chance(0.15);
                 const auto customer = any(customers);
-                // A burst: new notifications of the default kind for one customer, forty to each date, so that
-                // equal dates meet the limit, each with an id of its own (pairs without id are all equal).
+                // A burst for one customer (status new_, kind default_), forty to each date so that equal
+                // dates meet the limit, each with an id of its own (pairs without id are all equal).
                 for (std::size_t i = burst ? 120 : pick(5); i > 0; --i) {
                     batch.push_back(burst ? NotificationModel(nextBurstID++, customer, now - minutes(i / 40), "1.0",
                                                               "tag", {}, {}, {}, false, {}, {}, {})
@@ -514,8 +514,8 @@ protected:
         const auto expectTable = [&](const std::string& table, const auto& entries) {
             Rows rows;
             for (const auto& [id, entry] : entries) rows.push_back(row(entry));
-            EXPECT_EQ(other.query("SELECT * FROM " + (table == model.dropped ? "saved" : table) + " ORDER BY id"),
-                      rows);
+            EXPECT_EQ(other.query("SELECT * FROM " + (table == model.dropped ? "saved" : table) + " ORDER BY id"), rows)
+                << table;
         };
         expectTable("notification", model.notifications);
         expectTable("notificationButton", model.buttons);
