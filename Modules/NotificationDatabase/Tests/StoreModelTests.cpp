@@ -437,7 +437,6 @@ protected:
             case 11:
                 now = now + pick<milliseconds>({1h, 24h, 240h, 744h});
                 return "advance the clock";
-
             case 12: {  // a second button row for a stored notification
                 if (model.notifications.empty()) return "nothing";
                 const auto owner = any(model.notifications).first;
