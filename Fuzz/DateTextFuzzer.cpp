@@ -10,20 +10,9 @@
 #include <cstring>
 #include <string>
 
-namespace {
-
 using namespace notificationdb;
 using namespace notificationdb::fuzz;
 using std::chrono::milliseconds, std::chrono::nanoseconds;
-
-void checkRoundTrip(Timestamp instant) {
-    const auto text = formatDateText(instant);
-    const auto ms = std::to_string(instant.time_since_epoch().count());
-    FUZZ_CHECK(text && text->size() == 23, "the instant " + ms + " ms was not written in 23 characters");
-    FUZZ_CHECK(parseDateText(*text) == instant, *text + " does not read back as " + ms + " ms");
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);
@@ -32,17 +21,19 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     FUZZ_CHECK(parsed.has_value() == expected.has_value(), text + (parsed ? " was read" : " was refused"));
     if (parsed) {
         FUZZ_CHECK(parsed->time_since_epoch().count() == *expected, text + " reads as the wrong instant");
-        checkRoundTrip(*parsed);
         std::string full = text + std::string("T00:00:00.000").substr(text.size() - 10);
         full[10] = ' ';
-        FUZZ_CHECK(*formatDateText(*parsed) == full, text + " is not written back as " + full);
+        FUZZ_CHECK(formatDateText(*parsed) == full && parseDateText(full) == parsed,
+                   text + " is not written back as " + full + ", or that does not read back");
     }
     if (size < 8) return 0;
     std::int64_t integer = 0;
     std::memcpy(&integer, data, 8);
-    const auto seconds = std::bit_cast<double>(integer);
-    // Every instant of the years is written; the next millisecond outside them is not.
-    checkRoundTrip(at(kEarliest + std::int64_t(std::uint64_t(integer) % std::uint64_t(kLatest - kEarliest))));
+    // Every instant of the years is written and reads back; the next millisecond outside them is not written.
+    const Timestamp instant = at(kEarliest + std::int64_t(std::uint64_t(integer) % std::uint64_t(kLatest - kEarliest)));
+    const auto written = formatDateText(instant);
+    FUZZ_CHECK(written && written->size() == 23 && parseDateText(*written) == instant,
+               std::to_string(instant.time_since_epoch().count()) + " ms: not 23 characters that read back");
     FUZZ_CHECK(!formatDateText(at(integer < 0 ? kEarliest - 1 : kLatest)), "year outside 0...9999");
     // A clock reading of any precision floors to its millisecond.
     const std::chrono::sys_time<nanoseconds> fine{nanoseconds(integer)};
@@ -50,7 +41,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                "a clock reading did not floor to its millisecond");
     // Seconds since 1970, floored to milliseconds (toward the past, also before 1970), inside
     // the years; `slack` allows for the rounding of seconds * 1000 in double.
-    for (const double value : {seconds, double(integer)}) {
+    for (const double value : {std::bit_cast<double>(integer), double(integer)}) {
         const auto date = dateFromSecondsSince1970(value);
         const long double exact = static_cast<long double>(value) * 1000.0L;
         const long double slack = std::fabs(exact) * 1e-15L;

@@ -27,7 +27,7 @@ inline Timestamp at(std::int64_t ms) {
 
 // The instant date text names, in milliseconds since 1970: "YYYY-MM-DD", then " HH:MM" (or
 // "THH:MM"), ":SS" and ".SSS", in UTC; nullopt for other text or an impossible date or time.
-inline std::optional<std::int64_t> modelDateText(std::string_view text) {
+inline std::optional<std::int64_t> modelDateText(const std::string& text) {
     using namespace std::chrono;
     constexpr std::string_view shape = "0000-00-00 00:00:00.000";
     if (text.size() != 10 && text.size() != 16 && text.size() != 19 && text.size() != 23) return std::nullopt;
@@ -36,8 +36,8 @@ inline std::optional<std::int64_t> modelDateText(std::string_view text) {
         if (shape[i] == '0' ? c < '0' || c > '9' : shape[i] == ' ' ? c != ' ' && c != 'T' : c != shape[i])
             return std::nullopt;
     }
-    const auto at = [&text](std::size_t i, std::size_t n) {
-        return text.size() > i ? std::stoi(std::string(text.substr(i, n))) : 0;
+    const auto at = [&text](std::size_t i, std::size_t size) {
+        return i < text.size() ? std::stoi(text.substr(i, size)) : 0;
     };
     const year_month_day date{year(at(0, 4)), month(at(5, 2)), day(at(8, 2))};
     if (!date.ok() || at(11, 2) > 23 || at(14, 2) > 59 || at(17, 2) > 59) return std::nullopt;
@@ -47,7 +47,5 @@ inline std::optional<std::int64_t> modelDateText(std::string_view text) {
 
 }  // namespace notificationdb::fuzz
 
-#define FUZZ_CHECK(condition, detail)                                                                  \
-    do {                                                                                               \
-        if (!(condition)) ::notificationdb::fuzz::failCheck(__FILE__, __LINE__, #condition, (detail)); \
-    } while (false)
+#define FUZZ_CHECK(condition, detail) \
+    ((condition) ? void() : ::notificationdb::fuzz::failCheck(__FILE__, __LINE__, #condition, (detail)))

@@ -188,15 +188,14 @@ void checkRecord(Connection& connection, const Record& record, const Expected<Re
     FUZZ_CHECK(encodeRecord(readRecord<Record>(statement->row())) == values, context + ": changed in a row of its own");
 }
 
-// Reads `Record` from `row`: the model's values, or a refusal naming its first failing field.
-template <class Record>
-void readAndCheck(Connection& connection, const Row& row, sqlite3_stmt* handle, View view, const std::string& context) {
-    const Expected<Record> model(handle, view);
+// Runs `read`, which reads records and checks them; a refusal must name `failing`, the first
+// field the model finds failing.
+template <class Read>
+void checkReading(std::string_view failing, const std::string& context, Read read) {
     try {
-        checkRecord(connection, readRecord<Record>(row), model, context);
+        read();
     } catch (const RecordDecodingError& error) {
-        FUZZ_CHECK(error.column() == model.failing,
-                   context + ": " + error.what() + "; model: " + std::string(model.failing));
+        FUZZ_CHECK(error.column() == failing, context + ": " + error.what() + "; model: " + std::string(failing));
     }
 }
 
@@ -226,22 +225,21 @@ void readRow(Connection& connection, const std::vector<Column>& columns) {
     for (int i = button.first; i < button.second; ++i) hasButton |= sqlite3_column_type(handle, i) != SQLITE_NULL;
     const Expected<NotificationModel> notification(handle, base);
     const Expected<NotificationButton> actionButton(handle, button);
-    try {
+    const auto failing = notification.failing.empty() && hasButton ? actionButton.failing : notification.failing;
+    checkReading(failing, "joined row", [&] {
         const auto info = NotificationModelInfo::fromJoinedRow(row);
         checkRecord(connection, info.notification, notification, "joined row");
         FUZZ_CHECK(info.actionButton.has_value() == hasButton, "joined row: a button dropped or made up");
         if (info.actionButton) checkRecord(connection, *info.actionButton, actionButton, "joined row");
-    } catch (const RecordDecodingError& error) {
-        const auto failing = notification.failing.empty() && hasButton ? actionButton.failing : notification.failing;
-        FUZZ_CHECK(error.column() == failing,
-                   std::string("joined row: ") + error.what() + "; model: " + std::string(failing));
-    }
+    });
     // A record of the other kind from the base part, and either kind from the third table's scope.
-    readAndCheck<NotificationButton>(connection, row, handle, base, "button from the base part");
+    const auto readAs = [&]<class Record>(const Expected<Record>& model, const Row& from, const std::string& what) {
+        checkReading(model.failing, what, [&] { checkRecord(connection, readRecord<Record>(from), model, what); });
+    };
+    readAs(Expected<NotificationButton>(handle, base), row, "button from the base part");
     if (const auto scope = row.scope("extra")) {
-        readAndCheck<NotificationModel>(connection, *scope, handle, viewOf(columns, "extra"),
-                                        "notification from a scope");
-        readAndCheck<NotificationButton>(connection, *scope, handle, viewOf(columns, "extra"), "button from a scope");
+        readAs(Expected<NotificationModel>(handle, viewOf(columns, "extra")), *scope, "notification from a scope");
+        readAs(Expected<NotificationButton>(handle, viewOf(columns, "extra")), *scope, "button from a scope");
     }
 }
 

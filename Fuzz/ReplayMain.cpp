@@ -1,6 +1,5 @@
-// Replays fuzz inputs without libFuzzer: every file named on the command line, or found in a
-// directory named there, goes once through the fuzz target's entry point and its checks. Built
-// as a test in every build with tests, so the seeds and their oracles guard every compiler.
+// Replays fuzz inputs without libFuzzer through the target's entry point and checks: every file
+// named on the command line or found in a directory named there. A test in every build with tests.
 
 #include <algorithm>
 #include <cstdint>
