@@ -1,7 +1,6 @@
-// Fuzzes the date forms: arbitrary bytes read as date text, instants written back as text, and
-// numbers read as seconds since 1970. Text is read exactly when the model of FuzzCheck.hpp takes
-// it, as the instant the model computes. Writing gives the 23-character form, which reads back
-// as the same instant; every instant of years 0000...9999 is written, none outside them.
+// Fuzzes the date forms: bytes read as date text, exactly as the model of FuzzCheck.hpp reads
+// them; instants written as 23 characters that read back, for years 0000...9999 only; numbers
+// read as seconds since 1970.
 
 #include "FuzzCheck.hpp"
 
@@ -18,9 +17,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string text(reinterpret_cast<const char*>(data), size);
     const auto parsed = parseDateText(text);
     const auto expected = modelDateText(text);
-    FUZZ_CHECK(parsed.has_value() == expected.has_value(), text + (parsed ? " was read" : " was refused"));
+    FUZZ_CHECK(parsed == expected, text + (parsed ? " was read" : " was refused") + " unlike the model");
     if (parsed) {
-        FUZZ_CHECK(parsed->time_since_epoch().count() == *expected, text + " reads as the wrong instant");
         std::string full = text + std::string("T00:00:00.000").substr(text.size() - 10);
         full[10] = ' ';
         FUZZ_CHECK(formatDateText(*parsed) == full && parseDateText(full) == parsed,

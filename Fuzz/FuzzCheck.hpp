@@ -25,9 +25,9 @@ inline Timestamp at(std::int64_t ms) {
     return Timestamp(Timestamp::time_point(std::chrono::milliseconds(ms)));
 }
 
-// The instant date text names, in milliseconds since 1970: "YYYY-MM-DD", then " HH:MM" (or
-// "THH:MM"), ":SS" and ".SSS", in UTC; nullopt for other text or an impossible date or time.
-inline std::optional<std::int64_t> modelDateText(const std::string& text) {
+// The instant date text names: "YYYY-MM-DD", then " HH:MM" (or "THH:MM"), ":SS" and ".SSS", in
+// UTC; nullopt for other text or an impossible date or time.
+inline std::optional<Timestamp> modelDateText(const std::string& text) {
     using namespace std::chrono;
     constexpr std::string_view shape = "0000-00-00 00:00:00.000";
     if (text.size() != 10 && text.size() != 16 && text.size() != 19 && text.size() != 23) return std::nullopt;
@@ -42,7 +42,7 @@ inline std::optional<std::int64_t> modelDateText(const std::string& text) {
     const year_month_day date{year(at(0, 4)), month(at(5, 2)), day(at(8, 2))};
     if (!date.ok() || at(11, 2) > 23 || at(14, 2) > 59 || at(17, 2) > 59) return std::nullopt;
     const auto time = hours(at(11, 2)) + minutes(at(14, 2)) + seconds(at(17, 2)) + milliseconds(at(20, 3));
-    return (sys_days(date).time_since_epoch() + time).count();
+    return Timestamp(sys_days(date) + time);
 }
 
 }  // namespace notificationdb::fuzz

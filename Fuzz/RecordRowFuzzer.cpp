@@ -115,10 +115,9 @@ View viewOf(const std::vector<Column>& columns, std::string_view table) {
 }
 
 // The model: field `i` of `Record` from `view`, nullopt when reading must fail. Missing or NULL is
-// absent (a required field fails); integers come from INTEGER or whole REAL values in range,
-// booleans from any number, text from TEXT, bytes from BLOB or TEXT, dates from date text or
-// seconds since 1970 floored to the millisecond, in years 0000...9999; an enumeration must name
-// a case.
+// absent (a required field fails); integers come from INTEGER or whole REAL values in range (an
+// enumeration's must name a case), booleans from any number, text from TEXT, bytes from BLOB or
+// TEXT, dates from date text or seconds since 1970 floored to the millisecond, years 0000...9999.
 template <class Record>
 std::optional<FieldValue> expected(sqlite3_stmt* row, View view, std::size_t i) {
     using Value = std::optional<FieldValue>;
@@ -149,8 +148,7 @@ std::optional<FieldValue> expected(sqlite3_stmt* row, View view, std::size_t i) 
     if (field.type == FieldType::bytes) return number ? std::nullopt : Value(Bytes(text.begin(), text.end()));
     const double ms = std::floor(real * 1000);
     if (number) return ms >= fuzz::kEarliest && ms < fuzz::kLatest ? Value(fuzz::at(std::int64_t(ms))) : std::nullopt;
-    const auto date = type == SQLITE_TEXT ? fuzz::modelDateText(text) : std::nullopt;
-    return date ? Value(fuzz::at(*date)) : std::nullopt;
+    return type == SQLITE_TEXT ? Value(fuzz::modelDateText(text)) : std::nullopt;
 }
 
 // A record's values by the model, and the field a refusal must name (the first to fail in the
@@ -200,13 +198,12 @@ void checkReading(std::string_view failing, const std::string& context, Read rea
 }
 
 void readRow(Connection& connection, const std::vector<Column>& columns) {
-    std::string sql = "SELECT ";
+    std::string sql;
     for (std::size_t k = 0; k < columns.size(); ++k) {
         const int source = columns[k].source;
-        sql += k > 0 ? ", " : "";
-        sql += source == kExpression ? "?"
-               : source == kRowID    ? quote(kTables[source]) + ".k"
-                                     : quote(kTables[source]) + ".c" + std::to_string(k);
+        const std::string table = quote(kTables[source]);
+        sql += k > 0 ? ", " : "SELECT ";
+        sql += source == kExpression ? "?" : source == kRowID ? table + ".k" : table + ".c" + std::to_string(k);
         sql += " AS " + quote(columns[k].name);
     }
     auto statement = connection.makeStatement(

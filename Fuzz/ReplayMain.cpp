@@ -1,6 +1,8 @@
 // Replays fuzz inputs without libFuzzer through the target's entry point and checks: every file
 // named on the command line or found in a directory named there. A test in every build with tests.
 
+#include "FuzzCheck.hpp"
+
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -24,13 +26,10 @@ int main(int argc, char** argv) {
             if (entry.is_regular_file()) inputs.push_back(entry.path());
         }
     }
-    std::sort(inputs.begin(), inputs.end());
+    std::ranges::sort(inputs);
     for (const auto& input : inputs) {
         std::ifstream file(input, std::ios::binary);
-        if (!file) {
-            std::fprintf(stderr, "cannot read %s\n", input.c_str());
-            return 1;
-        }
+        FUZZ_CHECK(file.good(), "cannot read " + input.string());
         const std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
         std::printf("%s\n", input.filename().c_str());
         LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
