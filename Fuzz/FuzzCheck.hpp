@@ -18,12 +18,9 @@ namespace notificationdb::fuzz {
     std::abort();
 }
 
-// Years 0000...9999 in milliseconds since 1970, the end excluded.
+// Years 0000...9999 in milliseconds since 1970, the end excluded; `at` is the instant of such a count.
 constexpr std::int64_t kEarliest = -62167219200000, kLatest = 253402300800000;
-
-inline Timestamp at(std::int64_t ms) {
-    return Timestamp(Timestamp::time_point(std::chrono::milliseconds(ms)));
-}
+inline const auto at = [](std::int64_t ms) { return Timestamp(Timestamp::time_point(std::chrono::milliseconds(ms))); };
 
 // The instant date text names: "YYYY-MM-DD", then " HH:MM" (or "THH:MM"), ":SS" and ".SSS", in
 // UTC; nullopt for other text or an impossible date or time.

@@ -5,8 +5,6 @@
 #include "FuzzCheck.hpp"
 #include "JsonCoding.hpp"
 
-#include <NotificationDatabase/NotificationModel/DateText.hpp>
-
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
