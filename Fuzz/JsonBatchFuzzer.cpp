@@ -7,8 +7,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include <algorithm>
-#include <iterator>
 #include <optional>
 #include <string>
 #include <variant>
@@ -42,9 +40,10 @@ std::optional<FieldValue> plainValue(const FieldDescriptor& field, const nlohman
     return json.is_string() ? Value(parseDateText(text)) : std::nullopt;
 }
 
-// A decoded record holds what its JSON object says, and the keyed coding gives it back unchanged.
+// A decoded record holds what its JSON object says, reads back the same from the tool's own JSON
+// (`again`), and the keyed coding gives it back unchanged.
 template <class Record>
-void checkRecord(const Record& record, const nlohmann::json& object, std::size_t entry) {
+void checkRecord(const Record& record, const Record& again, const nlohmann::json& object, std::size_t entry) {
     using Coding = RecordCoding<Record>;
     const std::string where = "entry " + std::to_string(entry) + ": ";
     FUZZ_CHECK(object.is_object(), where + "a record was read from a non-object");
@@ -58,19 +57,9 @@ void checkRecord(const Record& record, const nlohmann::json& object, std::size_t
         FUZZ_CHECK(Coding::fields[i].optional || values[i].index() != 0, where + name + " is required but absent");
     }
     FUZZ_CHECK(known == object.size(), where + "an unknown key was accepted");
+    FUZZ_CHECK(encodeRecord(again) == values, where + "changed on its way through JSON");
     RecordValues<Record> copy = values;
     FUZZ_CHECK(encodeRecord(Coding::decode(copy)) == values, where + "keyed coding changed it");
-}
-
-// Every value of a batch in one list, with a mark for each button there or not.
-std::vector<FieldValue> valuesOf(const std::vector<NotificationModelInfo>& batch) {
-    std::vector<FieldValue> values;
-    for (const auto& info : batch) {
-        std::ranges::copy(encodeRecord(info.notification), std::back_inserter(values));
-        values.emplace_back(info.actionButton.has_value());
-        if (info.actionButton) std::ranges::copy(encodeRecord(*info.actionButton), std::back_inserter(values));
-    }
-    return values;
 }
 
 void checkBase64(std::string_view text) {
@@ -94,23 +83,25 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     } catch (const tool::JsonInputError&) {
         return 0;
     }
+    // Written as JSON and read again (a refusal escapes, a crash), the batch gives the same JSON.
+    const std::string written = tool::toJson(batch).dump();
+    const auto again = tool::parseBatch(written);
+    FUZZ_CHECK(tool::toJson(again).dump() == written, "the JSON of the batch changed on a second pass");
     // An accepted input is JSON (else `parse` throws, a crash): an array with one object per entry.
     const auto json = nlohmann::json::parse(text.begin(), text.end());
-    FUZZ_CHECK(json.is_array() && json.size() == batch.size(), "the batch has another number of entries");
+    FUZZ_CHECK(json.is_array() && json.size() == batch.size() && again.size() == batch.size(),
+               "the batch has another number of entries");
     for (std::size_t i = 0; i < batch.size(); ++i) {
         const auto& entry = json[i];
         FUZZ_CHECK(entry.is_object() && entry.contains("notification") &&
                        entry.size() == (entry.contains("notificationButton") ? 2U : 1U),
                    "an entry without notification, or with unknown keys, was accepted");
-        checkRecord(batch[i].notification, entry["notification"], i);
+        checkRecord(batch[i].notification, again[i].notification, entry["notification"], i);
         const auto button = entry.value("notificationButton", nlohmann::json());
-        FUZZ_CHECK(batch[i].actionButton.has_value() == !button.is_null(), "a button dropped or made up");
-        if (batch[i].actionButton) checkRecord(*batch[i].actionButton, button, i);
+        FUZZ_CHECK(batch[i].actionButton.has_value() == !button.is_null() &&
+                       again[i].actionButton.has_value() == !button.is_null(),
+                   "a button dropped or made up");
+        if (batch[i].actionButton) checkRecord(*batch[i].actionButton, *again[i].actionButton, button, i);
     }
-    // Written as JSON and read again (a refusal escapes, a crash), the batch is the same; so is its JSON.
-    const std::string written = tool::toJson(batch).dump();
-    const auto again = tool::parseBatch(written);
-    FUZZ_CHECK(valuesOf(batch) == valuesOf(again), "the batch changed on its way through JSON");
-    FUZZ_CHECK(tool::toJson(again).dump() == written, "the JSON of the batch changed on a second pass");
     return 0;
 }
