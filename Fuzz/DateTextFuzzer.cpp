@@ -19,6 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const auto expected = modelDateText(text);
     FUZZ_CHECK(parsed == expected, text + (parsed ? " was read" : " was refused") + " unlike the model");
     if (parsed) {
+        // Written back as the 23-character form of the same text.
         std::string full = text + std::string("T00:00:00.000").substr(text.size() - 10);
         full[10] = ' ';
         FUZZ_CHECK(formatDateText(*parsed) == full && parseDateText(full) == parsed,

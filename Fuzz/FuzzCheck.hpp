@@ -33,12 +33,12 @@ inline std::optional<Timestamp> modelDateText(const std::string& text) {
         if (shape[i] == '0' ? c < '0' || c > '9' : shape[i] == ' ' ? c != ' ' && c != 'T' : c != shape[i])
             return std::nullopt;
     }
-    const auto at = [&text](std::size_t i, std::size_t size) {
+    const auto num = [&text](std::size_t i, std::size_t size) {
         return i < text.size() ? std::stoi(text.substr(i, size)) : 0;
     };
-    const year_month_day date{year(at(0, 4)), month(at(5, 2)), day(at(8, 2))};
-    if (!date.ok() || at(11, 2) > 23 || at(14, 2) > 59 || at(17, 2) > 59) return std::nullopt;
-    const auto time = hours(at(11, 2)) + minutes(at(14, 2)) + seconds(at(17, 2)) + milliseconds(at(20, 3));
+    const year_month_day date{year(num(0, 4)), month(num(5, 2)), day(num(8, 2))};
+    if (!date.ok() || num(11, 2) > 23 || num(14, 2) > 59 || num(17, 2) > 59) return std::nullopt;
+    const auto time = hours(num(11, 2)) + minutes(num(14, 2)) + seconds(num(17, 2)) + milliseconds(num(20, 3));
     return Timestamp(sys_days(date) + time);
 }
 
