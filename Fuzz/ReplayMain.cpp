@@ -1,9 +1,9 @@
-// Replays fuzz inputs without libFuzzer: every file named on the command line, or found in a
-// directory named there, goes once through the fuzz target's entry point and its checks. Built
-// as a test in every build with tests, so the seeds and their oracles guard every compiler.
+// Replays fuzz inputs without libFuzzer through the target's entry point and checks: every file
+// named on the command line or found in a directory named there. A test in every build with tests.
+
+#include "FuzzCheck.hpp"
 
 #include <algorithm>
-#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
@@ -20,22 +20,16 @@ int main(int argc, char** argv) {
     if (LLVMFuzzerInitialize != nullptr) LLVMFuzzerInitialize(&argc, &argv);
     std::vector<std::filesystem::path> inputs;
     for (int i = 1; i < argc; ++i) {
-        const std::filesystem::path path(argv[i]);
-        if (std::filesystem::is_directory(path)) {
-            for (const auto& entry : std::filesystem::directory_iterator(path)) {
-                if (entry.is_regular_file()) inputs.push_back(entry.path());
-            }
-        } else {
-            inputs.push_back(path);
+        if (!std::filesystem::is_directory(argv[i])) inputs.emplace_back(argv[i]);
+        std::error_code notADirectory;  // then the loop has nothing to do
+        for (const auto& entry : std::filesystem::directory_iterator(argv[i], notADirectory)) {
+            if (entry.is_regular_file()) inputs.push_back(entry.path());
         }
     }
-    std::sort(inputs.begin(), inputs.end());
+    std::ranges::sort(inputs);
     for (const auto& input : inputs) {
         std::ifstream file(input, std::ios::binary);
-        if (!file) {
-            std::fprintf(stderr, "cannot read %s\n", input.c_str());
-            return 1;
-        }
+        FUZZ_CHECK(file.good(), "cannot read " + input.string());
         const std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
         std::printf("%s\n", input.filename().c_str());
         LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
