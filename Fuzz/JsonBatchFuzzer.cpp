@@ -18,11 +18,14 @@ using namespace notificationdb;
 
 // The value a JSON value gives a field where its meaning is plain: null or a missing key is
 // absent; texts, integers and booleans stand for themselves; an enumeration is its raw value or
-// its case name in any letter case; bytes are base64; a date is the stored text or a number of
+// its case name in any letter case (nothing else); bytes are base64; a date is the stored text or a number of
 // seconds. Nullopt where it is not plain (other date forms, which the round trip checks).
 std::optional<FieldValue> plainValue(const FieldDescriptor& field, const nlohmann::json& json) {
     using Value = std::optional<FieldValue>;  // from an optional value too
-    const auto raw = [](auto value) { return value ? Value(rawValue(*value)) : std::nullopt; };
+    const auto raw = [](auto value) {
+        FUZZ_CHECK(value.has_value(), "a name that is no case of the enumeration was accepted");
+        return Value(rawValue(*value));
+    };
     if (json.is_null()) return FieldValue{};
     const std::string text = json.is_string() ? json.get<std::string>() : "";
     if (field.type == FieldType::text) return json.is_string() ? FieldValue{text} : FieldValue{};

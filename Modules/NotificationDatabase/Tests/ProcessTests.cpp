@@ -8,6 +8,7 @@
 
 #include <fstream>
 #include <map>
+#include <random>
 #include <set>
 #include <thread>
 
@@ -15,14 +16,13 @@ namespace notificationdb {
 namespace {
 
 using testing::ChildProcess;
-using testing::RawDatabase;
-using Rows = std::vector<std::vector<std::string>>;
+using testing::RawDatabase, testing::Rows;
 
 const std::string kChild = std::string(NDB_CHILD_DIR) + "/ndb_child_writer";
 
+// A size times the whole number $NDB_STRESS_SCALE (1 when unset).
 int scaled(int count) {
-    const char* factor = std::getenv("NDB_STRESS_SCALE");
-    return std::max(1, int(count * (factor != nullptr ? std::atof(factor) : 1.0)));
+    return count * int(testing::environmentNumber("NDB_STRESS_SCALE", 1));
 }
 
 // What no sequence of saves, deletions and crashes may leave: a damaged file, a button without
@@ -30,10 +30,16 @@ int scaled(int count) {
 Rows brokenRules(const RawDatabase& raw) {
     return raw.query(
         "SELECT integrity_check FROM pragma_integrity_check WHERE integrity_check != 'ok' UNION ALL "
-        "SELECT 'orphan button ' || id FROM notificationButton WHERE notificationId NOT IN (SELECT id FROM "
-        "notification) "
-        "UNION ALL SELECT 'stored twice ' || version FROM notification WHERE notificationKind != 0 "
-        "GROUP BY customerId, notificationKind, version, appId HAVING COUNT(*) > 1");
+        "SELECT 'orphan button ' || id FROM notificationButton WHERE notificationId NOT IN "
+        "(SELECT id FROM notification) UNION ALL SELECT 'stored twice ' || version FROM notification "
+        "WHERE notificationKind != 0 GROUP BY customerId, notificationKind, version, appId HAVING COUNT(*) > 1");
+}
+
+// How often each title is stored.
+std::map<std::string, int> titles(const RawDatabase& raw) {
+    std::map<std::string, int> stored;
+    for (const auto& row : raw.query("SELECT title FROM notification")) ++stored[row[0]];
+    return stored;
 }
 
 // Writer processes open a file nobody has created yet, all at once, and save; a tenth of their
@@ -63,8 +69,7 @@ TEST(Process, WriterProcessesShareOneFile) {
     std::cout << failed.size() << " of " << writers * saves << " saves waited out the busy time-out\n";
     RawDatabase raw(file);
     EXPECT_EQ(brokenRules(raw), Rows{});
-    std::map<std::string, int> stored;
-    for (const auto& row : raw.query("SELECT title FROM notification")) ++stored[row[0]];
+    auto stored = titles(raw);
     for (int w = 0; w < writers; ++w) {
         for (int j = 1; j < saves; j += j % 10 == 9 ? 2 : 1) {  // keys of its own
             const std::string title = "w" + std::to_string(w) + "-" + std::to_string(j);
@@ -100,8 +105,7 @@ TEST(Process, AWriterKilledAtAnyMomentLosesNothingItCommitted) {
         auto store = NotificationDatabaseImpl::create(NotificationDatabaseConfig(file, Configuration{}));
         RawDatabase raw(file);
         ASSERT_EQ(brokenRules(raw), Rows{});
-        std::map<std::string, int> stored;
-        for (const auto& row : raw.query("SELECT title FROM notification")) ++stored[row[0]];
+        auto stored = titles(raw);
         for (const auto& [title, kept] : reported) ASSERT_EQ(stored[title], kept ? 1 : 0) << title;
         ASSERT_EQ(std::int64_t(store->fetchNotifications(std::nullopt).size()),
                   std::stoll(raw.query("SELECT COUNT(*) FROM notification")[0][0]));

@@ -55,7 +55,6 @@ const Operation count = [](auto& s) { return std::to_string(s.notificationsCount
 const Operation fetch = [](auto& s) { return std::to_string(s.fetchNotifications(std::nullopt).size()) + " rows"; };
 const Operation saveNew = [](auto& s) { return s.save(entry(9, NotificationKind::ai, "9", 9)), ""; };
 const Operation deleteAll = [](auto& s) { return s.deleteAll(), ""; };
-const Operation markRead = [](auto& s) { return s.updateStatus({1, 2}, NotificationStatus::read), ""; };
 const char* const kBadStatus = "UPDATE notification SET status = 7 WHERE id = 2";
 const char* const kRefuseDeleting2 =
     "CREATE TRIGGER refuse BEFORE DELETE ON notification WHEN old.id = 2 BEGIN SELECT RAISE(FAIL, 'refused'); END";
@@ -89,7 +88,8 @@ const std::vector<Case> kCases = {
     {"CREATE TRIGGER refuse BEFORE INSERT ON notificationButton BEGIN SELECT RAISE(ABORT, 'refused'); END", "save",
      saveNew, "", kUnsaved + kRefused},
     {"CREATE TRIGGER refuse BEFORE UPDATE ON notification BEGIN SELECT RAISE(ABORT, 'refused'); END", "updateStatus",
-     markRead, "", "Unable to mark as read notification IDs: [1, 2]: " + kRefused},
+     [](auto& s) { return s.updateStatus({1, 2}, NotificationStatus::read), ""; }, "",
+     "Unable to mark as read notification IDs: [1, 2]: " + kRefused},
     {"CREATE TRIGGER refuse BEFORE UPDATE ON notificationButton WHEN old.notificationId = 2 "
      "BEGIN SELECT RAISE(ABORT, 'refused'); END", "updateButtonVisibility",
      [](auto& s) { return s.updateButtonVisibility({1, 2, 3}, false), ""; }, "", "",
@@ -178,11 +178,8 @@ TEST(StoreOpening, FailsWithTheDatabaseErrorOnFilesThatCannotServe) {
     std::filesystem::create_directory(directory / "a directory");
     std::ofstream(directory / "garbage") << std::string(4096, 'x');
     RawDatabase(directory / "empty").execute("CREATE TABLE other (x)");
-    const struct {
-        std::string file;
-        bool readOnly;
-        int code;
-    } cases[] = {
+    const std::tuple<std::string, bool, int> cases[] = {
+        // file, read-only, result code
         {"garbage/db.sqlite", false, 14},  // SQLITE_CANTOPEN: its folder cannot be made
         {"a directory", false, 14},
         {"garbage", false, 26},  // SQLITE_NOTADB
@@ -190,13 +187,13 @@ TEST(StoreOpening, FailsWithTheDatabaseErrorOnFilesThatCannotServe) {
         {"empty", true, 8},  // a read-only store cannot create the tables: SQLITE_READONLY
     };
     testing::LogCapture log;
-    for (const auto& c : cases) {
+    for (const auto& [file, readOnly, code] : cases) {
         try {
             NotificationDatabaseImpl::create(NotificationDatabaseConfig(
-                directory / c.file, Configuration{c.readOnly, BusyMode::immediateError(), false}));
-            ADD_FAILURE() << c.file << " opened";
+                directory / file, Configuration{readOnly, BusyMode::immediateError(), false}));
+            ADD_FAILURE() << file << " opened";
         } catch (const DatabaseError& error) {
-            EXPECT_EQ(error.resultCode(), c.code) << c.file << ": " << error.what();
+            EXPECT_EQ(error.resultCode(), code) << file << ": " << error.what();
         }
     }
     EXPECT_FALSE(std::filesystem::exists(directory / "absent.sqlite")) << "a read-only store created its file";

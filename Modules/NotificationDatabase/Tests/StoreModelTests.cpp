@@ -226,7 +226,7 @@ struct RecordingStore final : NotificationDatabaseProtocol {
 
 class StoreModel : public ::testing::Test {
 protected:
-    const std::uint64_t seed = testing::testSeed();
+    const std::uint64_t seed = testing::environmentNumber("NDB_TEST_SEED", long(std::random_device{}()));
     std::mt19937_64 random{seed};
     testing::TemporaryDirectory directory;
     testing::LogCapture log;

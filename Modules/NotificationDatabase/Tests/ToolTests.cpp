@@ -114,12 +114,12 @@ const std::vector<Row> rows = {
 
     // Help that ships: the manual page renders, the completion completes, each command's help
     // shows the global options once.
-    {R"(MANWIDTH=80 man --warnings -l "$NDB_DOCS/notificationdb.1")", "", "\n       delete-kind KIND\n", ""},
-    {R"(source "$NDB_DOCS/notificationdb.bash-completion"
+    {R"(MANWIDTH=80 man --warnings -l "$NDB_DOCS/notificationdb.1" | grep -x '       delete-kind KIND'
+        source "$NDB_DOCS/notificationdb.bash-completion"
         try() { COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _notificationdb; echo "${COMPREPLY[*]}"; }
-        try notificationdb de; try notificationdb --database x delete-kind n; try notificationdb mark --status "")",
-     "", "delete delete-kind\nnewApp\nnew shown read\n", ""},
-    {"for c in path receive watch; do ndb $c --help | grep -c -- --database; done", "", "1\n1\n1\n", ""},
+        try notificationdb de; try notificationdb --database x delete-kind n; try notificationdb mark --status ""
+        for c in path receive watch; do ndb $c --help | grep -c -- --database; done)",
+     "", "       delete-kind KIND\ndelete delete-kind\nnewApp\nnew shown read\n1\n1\n1\n", ""},
 
     // A watcher hears another process's write, which posts its notices before it exits.
     {"ndb watch --count 1 --timeout 30 >heard 2>watching &\n"
@@ -153,10 +153,10 @@ TEST_P(ToolRow, RunsAsStated) {
     ::setenv("NDB_TOOL", toolPath.c_str(), 1);
     ::setenv("NDB_DOCS", toolPath.parent_path().c_str(), 1);
     // The bus daemon's own complaints (about file limits, say) go elsewhere.
-    const int wait = std::system(("cd '" + work.string() +
-                                  "' && dbus-run-session -- sh -c 'exec bash ../row.sh 2>../stderr' "
-                                  "<../stdin >../stdout 2>/dev/null")
-                                     .c_str());
+    const std::string command = "cd '" + work.string() +
+                                "' && dbus-run-session -- sh -c "
+                                "'exec bash ../row.sh 2>../stderr' <../stdin >../stdout 2>/dev/null";
+    const int wait = std::system(command.c_str());
     const std::string out = readFile(base / "stdout"), err = readFile(base / "stderr");
 
     SCOPED_TRACE(row.line + "\n--- stdout:\n" + out + "--- stderr:\n" + err);

@@ -23,13 +23,8 @@ TEST(MainContextScheduler, RunsJobsInDeadlineOrderOnTheLoopAndDeliversTheNoticeO
     MainQueue::main().setScheduler(scheduler);
     // Ends a run whose notice never comes, so that the test fails instead of hanging.
     GSource* guard = g_timeout_source_new_seconds(30);
-    g_source_set_callback(
-        guard,
-        [](gpointer data) {
-            g_main_loop_quit(static_cast<GMainLoop*>(data));
-            return G_SOURCE_REMOVE;
-        },
-        loop, nullptr);
+    const GSourceFunc quit = [](gpointer data) { return g_main_loop_quit(static_cast<GMainLoop*>(data)), 0; };
+    g_source_set_callback(guard, quit, loop, nullptr);
     g_source_attach(guard, context);
 
     // Deadlines out of order, from this thread and another, two of them equal; all due by the

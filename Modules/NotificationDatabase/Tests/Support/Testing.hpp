@@ -12,7 +12,6 @@
 #include <filesystem>
 #include <mutex>
 #include <optional>
-#include <random>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -171,11 +170,6 @@ private:
 inline long environmentNumber(const char* name, long fallback) {
     const char* value = std::getenv(name);
     return value != nullptr && *value != '\0' ? std::stol(value) : fallback;
-}
-
-// The seed of a randomized test: $NDB_TEST_SEED when set, else a fresh one.
-inline std::uint64_t testSeed() {
-    return std::uint64_t(environmentNumber("NDB_TEST_SEED", long(std::random_device{}())));
 }
 
 }  // namespace notificationdb::testing
