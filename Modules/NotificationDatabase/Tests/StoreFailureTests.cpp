@@ -32,13 +32,6 @@ NotificationModelInfo entry(std::optional<std::int64_t> id, NotificationKind kin
     return {n, NotificationButton(buttonID, "b", "Open", true, std::nullopt, UserActionKind::openApp, Bytes{1})};
 }
 
-// The stored pairs with these ids (notification and button), as the deletion takes them.
-NotificationModelInfoSet named(std::initializer_list<std::int64_t> ids) {
-    NotificationModelInfoSet set;
-    for (auto id : ids) set.insert(entry(id, NotificationKind::default_, "", std::nullopt));
-    return set;
-}
-
 using Operation = std::function<std::string(NotificationDatabaseImpl&)>;
 
 struct Case {
@@ -96,7 +89,9 @@ const std::vector<Case> kCases = {
      {"UPDATE expected.notificationButton SET visible = 0 WHERE notificationId = 1"}},
     {kRefuseDeleting2, "deleteAll", deleteAll, "", "",
      {"DELETE FROM expected.notification WHERE id = 1", "DELETE FROM expected.notificationButton"}, 1},
-    {kRefuseDeleting2, "delete", [](auto& s) { return s.deleteNotifications(named({1, 2, 3})), ""; }, "", "",
+    {kRefuseDeleting2, "delete", [](auto& s) {  // notifications 1 to 3, named by id alone
+         const auto n = [](std::int64_t id) { return entry(id, NotificationKind::default_, "", std::nullopt); };
+         return s.deleteNotifications({n(1), n(2), n(3)}), ""; }, "", "",
      {"DELETE FROM expected.notification WHERE id = 1",
       "DELETE FROM expected.notificationButton WHERE notificationId = 1"}, 1},
     {"CREATE TRIGGER refuse AFTER DELETE ON notification BEGIN SELECT RAISE(ABORT, 'refused'); END", "deleteAll",
