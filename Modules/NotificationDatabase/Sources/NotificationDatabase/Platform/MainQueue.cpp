@@ -20,8 +20,9 @@ MainQueue::Clock::time_point deadlineAfter(MainQueue::Clock::duration delay) {
     return now + delay;
 }
 
-// A job that throws must not take the queue (or the host's main loop) down with it.
-void runJob(const MainQueue::Job& job) noexcept {
+}  // namespace
+
+void MainQueue::runJob(const Job& job) noexcept {
     try {
         if (job) job();
     } catch (const std::exception& error) {
@@ -30,8 +31,6 @@ void runJob(const MainQueue::Job& job) noexcept {
         Logger::module()->log(LogLevel::error, "Main queue job failed: unknown exception");
     }
 }
-
-}  // namespace
 
 MainQueue& MainQueue::main() {
     // Threads that outlive `main()` may still schedule work during exit.

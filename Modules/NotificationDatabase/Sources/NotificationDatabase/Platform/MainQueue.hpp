@@ -52,6 +52,10 @@ public:
     // restores the built-in queue.
     void setScheduler(Scheduler scheduler);
 
+    // Runs `job` as the queue runs its own: an exception it throws is logged ("Main queue job
+    // failed: ...") and goes no further, so that a scheduler's event loop survives it.
+    static void runJob(const Job& job) noexcept;
+
 private:
     using Key = std::pair<Clock::time_point, std::uint64_t>;
     std::size_t drive(Clock::time_point until, bool untilIdle);

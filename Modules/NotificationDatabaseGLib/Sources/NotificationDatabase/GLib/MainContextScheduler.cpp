@@ -1,11 +1,7 @@
 #include "NotificationDatabase/GLib/MainContextScheduler.hpp"
 
-#include <NotificationDatabase/Platform/LogSanitizer.hpp>
-#include <NotificationDatabase/Platform/Logger.hpp>
-
 #include <chrono>
 #include <cstdint>
-#include <exception>
 #include <map>
 #include <mutex>
 #include <utility>
@@ -31,14 +27,7 @@ struct detail::MainContextQueue {
                 if (jobs.empty() || jobs.begin()->first.first > MainQueue::Clock::now()) return;
                 job = std::move(jobs.extract(jobs.begin()).mapped());
             }
-            // The loop calls this from C; an exception must not cross it.
-            try {
-                if (job) job();
-            } catch (const std::exception& error) {
-                Logger::module()->log(LogLevel::error, "Main queue job failed: " + LogSanitizer::sanitizeError(error));
-            } catch (...) {
-                Logger::module()->log(LogLevel::error, "Main queue job failed: unknown exception");
-            }
+            MainQueue::runJob(job);  // the loop calls this from C: no exception may cross it
         }
     }
 };
