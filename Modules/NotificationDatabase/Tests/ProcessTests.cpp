@@ -35,13 +35,6 @@ Rows brokenRules(const RawDatabase& raw) {
         "WHERE notificationKind != 0 GROUP BY customerId, notificationKind, version, appId HAVING COUNT(*) > 1");
 }
 
-// How often each title is stored.
-std::map<std::string, int> titles(const RawDatabase& raw) {
-    std::map<std::string, int> stored;
-    for (const auto& row : raw.query("SELECT title FROM notification")) ++stored[row[0]];
-    return stored;
-}
-
 // Writer processes open a file nobody has created yet, all at once, and save; a tenth of their
 // notifications share content keys. Every save is stored exactly once or logged as failed (a
 // writer may wait out the 2.0 s busy time-out under load), none is half stored.
@@ -69,7 +62,8 @@ TEST(Process, WriterProcessesShareOneFile) {
     std::cout << failed.size() << " of " << writers * saves << " saves waited out the busy time-out\n";
     RawDatabase raw(file);
     EXPECT_EQ(brokenRules(raw), Rows{});
-    auto stored = titles(raw);
+    std::map<std::string, int> stored;
+    for (const auto& row : raw.query("SELECT title FROM notification")) ++stored[row[0]];
     for (int w = 0; w < writers; ++w) {
         for (int j = 1; j < saves; j += j % 10 == 9 ? 2 : 1) {  // keys of its own
             const std::string title = "w" + std::to_string(w) + "-" + std::to_string(j);
@@ -105,7 +99,8 @@ TEST(Process, AWriterKilledAtAnyMomentLosesNothingItCommitted) {
         auto store = NotificationDatabaseImpl::create(NotificationDatabaseConfig(file, Configuration{}));
         RawDatabase raw(file);
         ASSERT_EQ(brokenRules(raw), Rows{});
-        auto stored = titles(raw);
+        std::map<std::string, int> stored;
+        for (const auto& row : raw.query("SELECT title FROM notification")) ++stored[row[0]];
         for (const auto& [title, kept] : reported) ASSERT_EQ(stored[title], kept ? 1 : 0) << title;
         ASSERT_EQ(std::int64_t(store->fetchNotifications(std::nullopt).size()),
                   std::stoll(raw.query("SELECT COUNT(*) FROM notification")[0][0]));
