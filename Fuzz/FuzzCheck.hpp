@@ -13,6 +13,12 @@
 
 namespace notificationdb::fuzz {
 
+// Set when the committed seeds are replayed as a test, where each seed also declares what it must give
+// (a mutated input under libFuzzer need not keep its declaration true).
+inline bool replaying = false;
+// The file being replayed.
+inline std::string replayedName;
+
 [[noreturn]] inline void failCheck(const char* file, int line, const char* condition, const std::string& detail) {
     std::fprintf(stderr, "%s:%d: fuzz check failed: %s: %s\n", file, line, condition, detail.c_str());
     std::abort();

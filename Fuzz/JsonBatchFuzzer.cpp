@@ -1,6 +1,8 @@
 // Fuzzes the notificationdb tool's reading of JSON batches. Any input must give a batch or a
 // `JsonInputError`; a batch must hold what the JSON says, keep every record invariant, and come
-// back unchanged through JSON. The base64 coding of byte fields is checked on the raw input too.
+// back unchanged through JSON. The base64 coding of byte fields is checked on the raw input too. A
+// seed of the corpus named "refused-*" must be refused, and one named "refused-<table>.<field>.json"
+// for that field; every other seed must be taken.
 
 #include "FuzzCheck.hpp"
 #include "JsonCoding.hpp"
@@ -81,11 +83,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string_view text(reinterpret_cast<const char*>(data), size);
     checkBase64(text);
     std::vector<NotificationModelInfo> batch;
+    const std::string& name = fuzz::replayedName;
+    const bool refuse = name.starts_with("refused-");
     try {
         batch = tool::parseBatch(text);
-    } catch (const tool::JsonInputError&) {
+    } catch (const tool::JsonInputError& error) {
+        const auto field = name.substr(8, name.size() - 13);
+        FUZZ_CHECK(!fuzz::replaying || (refuse && (field.find('.') == std::string::npos ||
+                                                   std::string(error.what()).find('"' + field + '"') != std::string::npos)),
+                   name + " was refused: " + error.what());
         return 0;
     }
+    FUZZ_CHECK(!fuzz::replaying || !refuse, name + " was taken");
     // Written as JSON and read again (a refusal escapes, a crash), the batch gives the same JSON.
     const std::string written = tool::toJson(batch).dump();
     const auto again = tool::parseBatch(written);

@@ -18,6 +18,7 @@ extern "C" __attribute__((weak)) int LLVMFuzzerInitialize(int* argc, char*** arg
 
 int main(int argc, char** argv) {
     if (LLVMFuzzerInitialize != nullptr) LLVMFuzzerInitialize(&argc, &argv);
+    notificationdb::fuzz::replaying = true;
     std::vector<std::filesystem::path> inputs;
     for (int i = 1; i < argc; ++i) {
         if (!std::filesystem::is_directory(argv[i])) inputs.emplace_back(argv[i]);
@@ -32,6 +33,7 @@ int main(int argc, char** argv) {
         FUZZ_CHECK(file.good(), "cannot read " + input.string());
         const std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
         std::printf("%s\n", input.filename().c_str());
+        notificationdb::fuzz::replayedName = input.filename().string();
         LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
     }
     std::printf("replayed %zu inputs\n", inputs.size());

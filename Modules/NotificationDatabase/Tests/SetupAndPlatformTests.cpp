@@ -75,28 +75,37 @@ TEST(Setup, TheReadyMadeConfigurationsAndTheSchemaOfANewFile) {
     EXPECT_EQ(NotificationDatabaseVersionNumber, 159.0);
 }
 
-// The enumerations as the file stores them: strict construction knows exactly the raw values of
-// the cases; the lenient ones fall back to `new` and `default`; names read in any letter case.
+// The enumerations as the file stores them, written out: the raw value of each case is its
+// position in these lists. Strict construction knows exactly those values; the lenient ones fall
+// back to `new` (also for 0) and `default`; case names read in any letter case.
 TEST(Setup, EnumerationsAndTheirRawValues) {
-    const std::vector<std::string> statuses{"new", "shown", "read"};
-    const std::vector<std::string> kinds{"default", "newApp", "appUpdate", "vantroUpdate", "ai"};
-    const std::vector<std::string> actions{"openCabinet",     "openApp",    "openCollection",      "openLink",
-                                           "openBlogArticle", "openVantro", "refreshInstalledApps"};
-    for (std::int64_t raw = -2; raw <= 8; ++raw) {
-        const auto i = std::size_t(raw);
-        const auto status = fromRawValue<NotificationStatus>(raw);
-        const auto kind = fromRawValue<NotificationKind>(raw);
-        const auto action = fromRawValue<UserActionKind>(raw);
-        EXPECT_EQ(status ? std::string(caseName(*status)) : "", raw >= 0 && raw < 3 ? statuses[i] : "") << raw;
-        EXPECT_EQ(kind ? std::string(caseName(*kind)) : "", raw >= 0 && raw < 5 ? kinds[i] : "") << raw;
-        EXPECT_EQ(action ? std::string(caseName(*action)) : "", raw >= 0 && raw < 7 ? actions[i] : "") << raw;
-        EXPECT_EQ(makeUserActionKind(raw), action);
-        EXPECT_EQ(caseName(makeNotificationStatus(raw)), raw == 1 || raw == 2 ? statuses[i] : "new");
-        EXPECT_EQ(caseName(makeNotificationKind(raw)), raw >= 0 && raw < 5 ? kinds[i] : "default");
-        EXPECT_TRUE(!action || fromCaseName<UserActionKind>(actions[i]) == action);
+    using S = NotificationStatus;
+    using K = NotificationKind;
+    using A = UserActionKind;
+    const std::vector<S> statuses{S::new_, S::shown, S::read};
+    const std::vector<K> kinds{K::default_, K::newApp, K::appUpdate, K::vantroUpdate, K::ai};
+    const std::vector<A> actions{A::openCabinet,     A::openApp,    A::openCollection,      A::openLink,
+                                 A::openBlogArticle, A::openVantro, A::refreshInstalledApps};
+    const std::vector<std::string> actionNames{"openCabinet",     "openApp",    "openCollection",      "openLink",
+                                               "openBlogArticle", "openVantro", "refreshInstalledApps"};
+    const auto at = [](const auto& cases, std::int64_t raw) {
+        return raw >= 0 && raw < std::ssize(cases) ? std::optional(cases[std::size_t(raw)]) : std::nullopt;
+    };
+    for (std::int64_t raw = -5; raw <= 8; ++raw) {
+        EXPECT_EQ(fromRawValue<S>(raw), at(statuses, raw)) << raw;
+        EXPECT_EQ(fromRawValue<K>(raw), at(kinds, raw)) << raw;
+        EXPECT_EQ(fromRawValue<A>(raw), at(actions, raw)) << raw;
+        EXPECT_EQ(makeUserActionKind(raw), at(actions, raw)) << raw;
+        EXPECT_EQ(makeNotificationStatus(raw), raw == 1 ? S::shown : raw == 2 ? S::read : S::new_) << raw;
+        EXPECT_EQ(makeNotificationKind(raw), at(kinds, raw).value_or(K::default_)) << raw;
+        if (const auto action = at(actions, raw)) {
+            EXPECT_EQ(rawValue(*action), raw);
+            EXPECT_EQ(fromCaseName<A>(actionNames[std::size_t(raw)]), action);
+        }
     }
-    EXPECT_EQ(fromCaseName<NotificationKind>("NEWAPP"), NotificationKind::newApp);
-    EXPECT_EQ(fromCaseName<NotificationStatus>("reads"), std::nullopt);
+    EXPECT_EQ(fromCaseName<K>("NEWAPP"), K::newApp);
+    EXPECT_EQ(fromCaseName<S>("new"), S::new_);
+    EXPECT_EQ(fromCaseName<S>("reads"), std::nullopt);
 }
 
 // Jobs run in deadline order, then in the order they were scheduled; `runFor` leaves what falls

@@ -12,8 +12,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <type_traits>
 
 namespace notificationdb {
@@ -34,8 +36,14 @@ NotificationModelInfo entry(std::optional<std::int64_t> id, NotificationKind kin
 
 using Operation = std::function<std::string(NotificationDatabaseImpl&)>;
 
+// What another program (or the user) does to the file first: SQL, or a marker the fixture knows.
+struct Fault {
+    const char* name;
+    const char* sql;
+};
+
 struct Case {
-    const char* fault;  // SQL another program runs first, or a marker the fixture knows
+    Fault fault;
     const char* operation;
     Operation run;
     std::string answer;
@@ -46,19 +54,41 @@ struct Case {
 
 const Operation count = [](auto& s) { return std::to_string(s.notificationsCount()); };
 const Operation fetch = [](auto& s) { return std::to_string(s.fetchNotifications(std::nullopt).size()) + " rows"; };
+// Each notification's id, isMarketing and its button's visible, by id.
+const Operation flags = [](auto& s) {
+    std::map<std::int64_t, std::string> read;
+    for (const auto& i : s.fetchNotifications(std::nullopt))
+        read[*i.notification.id()] =
+            std::to_string(i.notification.isMarketing) + std::to_string(i.actionButton->visible);
+    std::string text;
+    for (const auto& [id, values] : read) text += std::to_string(id) + ":" + values + " ";
+    return text;
+};
 const Operation saveNew = [](auto& s) { return s.save(entry(9, NotificationKind::ai, "9", 9)), ""; };
+const Operation saveStored = [](auto& s) { return s.save(entry(1, NotificationKind::ai, "9", 9)), ""; };
 const Operation deleteAll = [](auto& s) { return s.deleteAll(), ""; };
-const char* const kBadStatus = "UPDATE notification SET status = 7 WHERE id = 2";
-const char* const kRefuseDeleting2 =
-    "CREATE TRIGGER refuse BEFORE DELETE ON notification WHEN old.id = 2 BEGIN SELECT RAISE(FAIL, 'refused'); END";
+const Operation hideButtons = [](auto& s) { return s.updateButtonVisibility({1, 2}, false), ""; };
+const Operation deleteSome = [](auto& s) {  // notifications 1 to 3, named by id alone
+    const auto n = [](std::int64_t id) { return entry(id, NotificationKind::default_, "", std::nullopt); };
+    return s.deleteNotifications({n(1), n(2), n(3)}), "";
+};
+const Fault kBadStatus{"status 7", "UPDATE notification SET status = 7 WHERE id = 2"};
+const Fault kRefuseDeleting2{
+    "a trigger refusing with FAIL to delete 2",
+    "CREATE TRIGGER refuse BEFORE DELETE ON notification WHEN old.id = 2 BEGIN SELECT RAISE(FAIL, 'refused'); END"};
+const Fault kDroppedColumn{"a dropped column", "ALTER TABLE notification DROP COLUMN bannerUrl"};
+const Fault kReadOnly{"a read-only store", ""};
 const std::string kUnreadable = R"(could not read column "status" of "notification": integer is no NotificationStatus)";
+const std::string kNoKind =
+    R"(could not read column "notificationKind" of "notification": integer is no NotificationKind)";
 const std::string kRefused = "SQLite error 19 (SQLITE_CONSTRAINT_TRIGGER): refused";
-const std::string kReadOnly = "SQLite error 8 (SQLITE_READONLY): attempt to write a readonly database";
+const std::string kReadOnlyError = "SQLite error 8 (SQLITE_READONLY): attempt to write a readonly database";
 const std::string kUnsaved = "Unable to save wrapped notification: ";
+const std::string kUnread = "Unable to read wrapped notifications: ";
 
 // clang-format off
 const std::vector<Case> kCases = {
-    {kBadStatus, "fetch", fetch, "0 rows", "Unable to read wrapped notifications: " + kUnreadable},
+    {kBadStatus, "fetch", fetch, "0 rows", kUnread + kUnreadable},
     {kBadStatus, "count", count, "3", ""},
     {kBadStatus, "containsNotification",
      [](auto& s) { return std::to_string(s.containsNotification(NotificationKind::appUpdate, "c", {}, "2")); }, "0",
@@ -74,37 +104,52 @@ const std::vector<Case> kCases = {
          std::shared_ptr<NotificationDatabaseProtocol> store(&s, [](auto*) {});
          NotificationUpdaterImpl(store, [] { return parseDateText("2099-01-01").value(); }).cleanUp();
          return "";
-     }, "", "Unable to read wrapped notifications: " + kUnreadable},
-    {"ALTER TABLE notification DROP COLUMN bannerUrl", "fetch", fetch, "3 rows", ""},
-    {"ALTER TABLE notification DROP COLUMN bannerUrl", "save", saveNew, "",
+     }, "", kUnread + kUnreadable},
+    {{"kind 7", "UPDATE notification SET notificationKind = 7 WHERE id = 3"}, "fetch", fetch, "0 rows", kUnread + kNoKind},
+    {{"kind below zero", "UPDATE notification SET notificationKind = -1 WHERE id = 3"}, "fetch", fetch, "0 rows",
+     kUnread + kNoKind},
+    {{"actionKind 9", "UPDATE notificationButton SET actionKind = 9 WHERE id = 1"}, "fetch", fetch, "0 rows",
+     kUnread + R"(could not read column "actionKind" of "notificationButton": integer is no UserActionKind)"},
+    // Another writer's booleans: any integer but 0 is true.
+    {{"booleans 2, -7 and -1", "UPDATE notification SET isMarketing = 2 * (id = 1) - 7 * (id = 2); "
+                               "UPDATE notificationButton SET visible = CASE id WHEN 1 THEN 2 WHEN 2 THEN 0 ELSE -1 END"},
+     "fetch", flags, "1:11 2:10 3:01 ", ""},
+    {kDroppedColumn, "fetch", fetch, "3 rows", ""},
+    {kDroppedColumn, "save", saveNew, "",
      kUnsaved + "SQLite error 1 (SQLITE_ERROR): table notification has no column named bannerUrl"},
-    {"CREATE TRIGGER refuse BEFORE INSERT ON notificationButton BEGIN SELECT RAISE(ABORT, 'refused'); END", "save",
-     saveNew, "", kUnsaved + kRefused},
-    {"CREATE TRIGGER refuse BEFORE UPDATE ON notification BEGIN SELECT RAISE(ABORT, 'refused'); END", "updateStatus",
+    {{"a trigger refusing a button", "CREATE TRIGGER refuse BEFORE INSERT ON notificationButton "
+                                     "BEGIN SELECT RAISE(ABORT, 'refused'); END"}, "save", saveNew, "", kUnsaved + kRefused},
+    {{"a trigger refusing updates", "CREATE TRIGGER refuse BEFORE UPDATE ON notification "
+                                    "BEGIN SELECT RAISE(ABORT, 'refused'); END"}, "updateStatus",
      [](auto& s) { return s.updateStatus({1, 2}, NotificationStatus::read), ""; }, "",
      "Unable to mark as read notification IDs: [1, 2]: " + kRefused},
-    {"CREATE TRIGGER refuse BEFORE UPDATE ON notificationButton WHEN old.notificationId = 2 "
-     "BEGIN SELECT RAISE(ABORT, 'refused'); END", "updateButtonVisibility",
-     [](auto& s) { return s.updateButtonVisibility({1, 2, 3}, false), ""; }, "", "",
+    {{"a trigger refusing the button of 2", "CREATE TRIGGER refuse BEFORE UPDATE ON notificationButton "
+                                            "WHEN old.notificationId = 2 BEGIN SELECT RAISE(ABORT, 'refused'); END"},
+     "updateButtonVisibility", [](auto& s) { return s.updateButtonVisibility({1, 2, 3}, false), ""; }, "", "",
      {"UPDATE expected.notificationButton SET visible = 0 WHERE notificationId = 1"}},
     {kRefuseDeleting2, "deleteAll", deleteAll, "", "",
      {"DELETE FROM expected.notification WHERE id = 1", "DELETE FROM expected.notificationButton"}, 1},
-    {kRefuseDeleting2, "delete", [](auto& s) {  // notifications 1 to 3, named by id alone
-         const auto n = [](std::int64_t id) { return entry(id, NotificationKind::default_, "", std::nullopt); };
-         return s.deleteNotifications({n(1), n(2), n(3)}), ""; }, "", "",
+    {kRefuseDeleting2, "delete", deleteSome, "", "",
      {"DELETE FROM expected.notification WHERE id = 1",
       "DELETE FROM expected.notificationButton WHERE notificationId = 1"}, 1},
-    {"CREATE TRIGGER refuse AFTER DELETE ON notification BEGIN SELECT RAISE(ABORT, 'refused'); END", "deleteAll",
-     deleteAll, "", "", {"DELETE FROM expected.notificationButton"}},
+    {{"a trigger refusing after deleting", "CREATE TRIGGER refuse AFTER DELETE ON notification "
+                                           "BEGIN SELECT RAISE(ABORT, 'refused'); END"},
+     "deleteAll", deleteAll, "", "", {"DELETE FROM expected.notificationButton"}},
     // Without a child table SQLite empties "notification" in one step; the notice must still go.
-    {"DROP TABLE notificationButton", "deleteAll", deleteAll, "", "", {"DELETE FROM expected.notification"}, 1},
-    {"read-only store", "save", saveNew, "", kUnsaved + kReadOnly},
-    {"read-only store", "updateStatus", [](auto& s) { return s.updateStatus({}, NotificationStatus::read), ""; }, "",
-     "Unable to mark as read notification IDs: []: " + kReadOnly},
-    {"read-only store", "deleteAll", deleteAll, "", ""},
-    {"read-only store", "fetch", fetch, "3 rows", ""},
-    {"BEGIN IMMEDIATE", "open and count", count, "3", ""},
-    {"a scheduler that writes", "save", [](auto& s) {
+    {{"a dropped button table", "DROP TABLE notificationButton"}, "deleteAll", deleteAll, "", "",
+     {"DELETE FROM expected.notification"}, 1},
+    // A read-only store reads, skips what it holds and drops what its contract drops, silently.
+    {kReadOnly, "save", saveNew, "", kUnsaved + kReadOnlyError},
+    {kReadOnly, "save a stored id", saveStored, "", ""},
+    {kReadOnly, "updateStatus", [](auto& s) { return s.updateStatus({}, NotificationStatus::read), ""; }, "",
+     "Unable to mark as read notification IDs: []: " + kReadOnlyError},
+    {kReadOnly, "updateButtonVisibility", hideButtons, "", ""},
+    {kReadOnly, "delete", deleteSome, "", ""},
+    {kReadOnly, "deleteAll", deleteAll, "", ""},
+    {kReadOnly, "fetch", fetch, "3 rows", ""},
+    {{"another writer's lock", "BEGIN IMMEDIATE"}, "open and count", count, "3", ""},
+    {{"another writer's lock", "BEGIN IMMEDIATE"}, "open read-only and fetch", fetch, "3 rows", ""},
+    {{"a scheduler that writes", ""}, "save", [](auto& s) {
          MainQueue::main().setScheduler([&s](auto, auto) { s.save(entry(8, NotificationKind::ai, "8", {})); });
          s.save(entry(9, NotificationKind::ai, "9", std::nullopt));
          MainQueue::main().setScheduler({});
@@ -116,7 +161,7 @@ const std::vector<Case> kCases = {
 // clang-format on
 
 void PrintTo(const Case& c, std::ostream* out) {
-    *out << c.operation << " after " << c.fault;
+    *out << c.operation << " after " << c.fault.name;
 }
 
 class StoreFailure : public ::testing::TestWithParam<Case> {};
@@ -131,13 +176,13 @@ TEST_P(StoreFailure, GivesTheNeutralAnswerTheMessageAndOnlyTheChangesItKeeps) {
     store->save(entry(2, NotificationKind::appUpdate, "2", 2));
     store->save(entry(3, NotificationKind::default_, "3", 3));
     RawDatabase other(config.storageURL());
-    const std::string fault = c.fault;
-    if (fault == "read-only store") {
-        store = NotificationDatabaseImpl::create(
-            NotificationDatabaseConfig(config.storageURL(), Configuration{true, BusyMode::timeout(0.05), true}));
-    } else if (fault != "a scheduler that writes") {
-        other.execute(fault);
-        if (fault == "BEGIN IMMEDIATE") store = NotificationDatabaseImpl::create(config);
+    const std::string fault = c.fault.sql, operation = c.operation;
+    const NotificationDatabaseConfig readOnly(config.storageURL(), Configuration{true, BusyMode::timeout(0.05), true});
+    other.execute(fault);
+    if (c.fault.name == kReadOnly.name || operation.starts_with("open read-only")) {
+        store = NotificationDatabaseImpl::create(readOnly);
+    } else if (operation.starts_with("open")) {
+        store = NotificationDatabaseImpl::create(config);
     }
     // The tables as they must be afterwards: a copy made after the fault, changed as expected.
     other.execute("ATTACH ':memory:' AS expected");
@@ -163,8 +208,14 @@ TEST_P(StoreFailure, GivesTheNeutralAnswerTheMessageAndOnlyTheChangesItKeeps) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(FaultsAndOperations, StoreFailure, ::testing::ValuesIn(kCases),
-                         [](const auto& info) { return "case" + std::to_string(info.index); });
+// Named fault_x_operation, in letters, digits and underscores.
+INSTANTIATE_TEST_SUITE_P(FaultsAndOperations, StoreFailure, ::testing::ValuesIn(kCases), [](const auto& info) {
+    std::string name;
+    for (const char c : std::string(info.param.fault.name) + " x " + info.param.operation)
+        name += std::isalnum(static_cast<unsigned char>(c)) != 0 ? c : name.empty() || name.back() == '_' ? '\0' : '_';
+    std::erase(name, '\0');
+    return name;
+});
 
 // Opening: every file that cannot serve fails creation with the database's error, and nothing is
 // logged; a lock held by another writer does not keep a store from opening.

@@ -116,7 +116,14 @@ public:
         if (rc != SQLITE_DONE) throw std::runtime_error(std::string(sqlite3_errmsg(db_)) + " in: " + sql);
         return rows;
     }
-    void execute(const std::string& sql) const { (void)query(sql); }
+    // Runs any number of statements, ignoring their rows.
+    void execute(const std::string& sql) const {
+        char* error = nullptr;
+        if (sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, &error) == SQLITE_OK) return;
+        const std::string text = error != nullptr ? error : "";
+        sqlite3_free(error);
+        throw std::runtime_error(text + " in: " + sql);
+    }
 
 private:
     sqlite3* db_ = nullptr;
