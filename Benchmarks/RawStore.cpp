@@ -35,32 +35,32 @@ const std::string updateButton =
 
 namespace {
 
-constexpr int kBusyTimeoutMilliseconds = 2000;
-constexpr std::chrono::seconds kAgeLimit{2'592'000};
-constexpr std::size_t kPerCustomerLimit = 100;
+constexpr int busyTimeoutMilliseconds = 2000;
+constexpr std::chrono::seconds ageLimit{2'592'000};
+constexpr std::size_t perCustomerLimit = 100;
 
-const std::string kSelectStar = "SELECT * FROM \"notification\" WHERE ";
-const std::string kContentDuplicate[2][2] = {
-    {kSelectStar + "\"customerId\" IS NULL AND \"notificationKind\" = ?2 AND \"version\" = ?3 LIMIT 1",
-     kSelectStar +
+const std::string selectStar = "SELECT * FROM \"notification\" WHERE ";
+const std::string contentDuplicate[2][2] = {
+    {selectStar + "\"customerId\" IS NULL AND \"notificationKind\" = ?2 AND \"version\" = ?3 LIMIT 1",
+     selectStar +
          "\"customerId\" IS NULL AND \"notificationKind\" = ?2 AND \"version\" = ?3 AND \"appId\" = ?4 LIMIT 1"},
-    {kSelectStar + "\"customerId\" = ?1 AND \"notificationKind\" = ?2 AND \"version\" = ?3 LIMIT 1",
-     kSelectStar + "\"customerId\" = ?1 AND \"notificationKind\" = ?2 AND \"version\" = ?3 AND \"appId\" = ?4 LIMIT 1"},
+    {selectStar + "\"customerId\" = ?1 AND \"notificationKind\" = ?2 AND \"version\" = ?3 LIMIT 1",
+     selectStar + "\"customerId\" = ?1 AND \"notificationKind\" = ?2 AND \"version\" = ?3 AND \"appId\" = ?4 LIMIT 1"},
 };
-const std::string kContainsBase =
+const std::string containsBase =
     "SELECT * FROM \"notification\" WHERE \"customerId\" = ?1 AND \"notificationKind\" = ?2";
-const std::string kContainsNotification[2][2] = {
-    {kContainsBase + " LIMIT 1", kContainsBase + " AND \"version\" = ?4 LIMIT 1"},
-    {kContainsBase + " AND \"appId\" = ?3 LIMIT 1", kContainsBase + " AND \"appId\" = ?3 AND \"version\" = ?4 LIMIT 1"},
+const std::string containsNotificationSQL[2][2] = {
+    {containsBase + " LIMIT 1", containsBase + " AND \"version\" = ?4 LIMIT 1"},
+    {containsBase + " AND \"appId\" = ?3 LIMIT 1", containsBase + " AND \"appId\" = ?3 AND \"version\" = ?4 LIMIT 1"},
 };
 
-const char* const kCreateNotification =
+const char* const createNotification =
     "CREATE TABLE \"notification\" ("
     "\"id\" INTEGER PRIMARY KEY AUTOINCREMENT, \"customerId\" TEXT, \"createdDate\" DATETIME NOT NULL, "
     "\"version\" TEXT NOT NULL, \"analyticsTag\" TEXT NOT NULL, \"title\" TEXT, \"body\" TEXT, \"bannerUrl\" TEXT, "
     "\"isMarketing\" BOOLEAN NOT NULL, \"appId\" INTEGER, \"status\" INTEGER NOT NULL, "
     "\"notificationKind\" INTEGER NOT NULL)";
-const char* const kCreateButton =
+const char* const createButton =
     "CREATE TABLE \"notificationButton\" ("
     "\"id\" INTEGER PRIMARY KEY AUTOINCREMENT, \"buttonId\" TEXT, \"title\" TEXT, \"visible\" BOOLEAN NOT NULL, "
     "\"notificationId\" INTEGER REFERENCES \"notification\"(\"id\") ON DELETE CASCADE, \"actionKind\" INTEGER, "
@@ -432,7 +432,7 @@ RawStore::RawStore(const std::filesystem::path& path)
     }
     try {
         sqlite3_extended_result_codes(writer_, 1);
-        sqlite3_busy_timeout(writer_, kBusyTimeoutMilliseconds);
+        sqlite3_busy_timeout(writer_, busyTimeoutMilliseconds);
         check(writer_, sqlite3_exec(writer_, "PRAGMA foreign_keys = ON", nullptr, nullptr, nullptr));
         check(writer_, sqlite3_exec(writer_, "PRAGMA journal_mode = WAL", nullptr, nullptr, nullptr));
         sqlite3_update_hook(writer_, &RawStore::updateHook, this);
@@ -449,9 +449,9 @@ RawStore::RawStore(const std::filesystem::path& path)
             return found;
         };
         if (!hasTable("notification"))
-            check(writer_, sqlite3_exec(writer_, kCreateNotification, nullptr, nullptr, nullptr));
+            check(writer_, sqlite3_exec(writer_, createNotification, nullptr, nullptr, nullptr));
         if (!hasTable("notificationButton"))
-            check(writer_, sqlite3_exec(writer_, kCreateButton, nullptr, nullptr, nullptr));
+            check(writer_, sqlite3_exec(writer_, createButton, nullptr, nullptr, nullptr));
         transaction.commit();
     } catch (...) {
         sqlite3_close_v2(writer_);
@@ -475,7 +475,7 @@ sqlite3* RawStore::openReader() {
         throw std::runtime_error("cannot open reader");
     }
     sqlite3_extended_result_codes(reader, 1);
-    sqlite3_busy_timeout(reader, kBusyTimeoutMilliseconds);
+    sqlite3_busy_timeout(reader, busyTimeoutMilliseconds);
     check(reader, sqlite3_exec(reader, "PRAGMA foreign_keys = ON", nullptr, nullptr, nullptr));
     reader_ = reader;
     return reader_;
@@ -511,7 +511,7 @@ void RawStore::save(const RawInfo& info) {
         const bool hasCustomer = notification.customerId.has_value();
         const bool hasApp = notification.appId.has_value();
         sqlite3_stmt* duplicate =
-            contentDuplicate_[hasCustomer][hasApp].get(writer_, kContentDuplicate[hasCustomer][hasApp]);
+            contentDuplicate_[hasCustomer][hasApp].get(writer_, contentDuplicate[hasCustomer][hasApp]);
         if (hasCustomer) bindStaticText(duplicate, 1, *notification.customerId);
         sqlite3_bind_int64(duplicate, 2, notification.notificationKind);
         bindStaticText(duplicate, 3, notification.version);
@@ -601,7 +601,7 @@ bool RawStore::containsNotification(std::int64_t kind, const std::string& custom
     const int hasApp = appID ? 1 : 0;
     const int hasVersion = version ? 1 : 0;
     sqlite3_stmt* statement =
-        containsNotification_[hasApp][hasVersion].get(reader, kContainsNotification[hasApp][hasVersion]);
+        containsNotification_[hasApp][hasVersion].get(reader, containsNotificationSQL[hasApp][hasVersion]);
     bindStaticText(statement, 1, customer);
     sqlite3_bind_int64(statement, 2, kind);
     if (appID) sqlite3_bind_int64(statement, 3, *appID);
@@ -713,7 +713,7 @@ void rawReceive(RawStore& store, const std::vector<RawInfo>& notifications) {
 }
 
 void rawCleanUp(RawStore& store) {
-    const auto cutOff = std::chrono::system_clock::now() - kAgeLimit;
+    const auto cutOff = std::chrono::system_clock::now() - ageLimit;
     std::vector<RawInfo> stored;
     try {
         stored = store.fetchNotifications(std::nullopt);
@@ -734,11 +734,11 @@ void rawCleanUp(RawStore& store) {
     std::map<std::optional<std::string>, std::vector<const RawInfo*>> groups;
     for (const RawInfo& info : stored) groups[info.notification.customerId].push_back(&info);
     for (auto& [customerId, group] : groups) {
-        if (group.size() <= kPerCustomerLimit) continue;
+        if (group.size() <= perCustomerLimit) continue;
         std::stable_sort(group.begin(), group.end(), [](const RawInfo* lhs, const RawInfo* rhs) {
             return lhs->notification.createdDate > rhs->notification.createdDate;
         });
-        for (std::size_t i = kPerCustomerLimit; i < group.size(); ++i) mark(*group[i]);
+        for (std::size_t i = perCustomerLimit; i < group.size(); ++i) mark(*group[i]);
     }
 
     if (!expired.empty()) store.deleteNotifications(expired);

@@ -54,10 +54,10 @@ namespace {
 using namespace std::chrono_literals;
 
 // Rows added by a save case stay this many iterations before they are taken out again.
-constexpr std::int64_t kSaveRestoreInterval = 100;
-constexpr int kLarge = 10'000;
+constexpr std::int64_t saveRestoreInterval = 100;
+constexpr int largeTable = 10'000;
 // The row in the middle of a large file that the lookups find; its kind is not `default`.
-constexpr int kMiddleIndex = 5'001;
+constexpr int middleIndex = 5'001;
 
 // --- inputs ---------------------------------------------------------------------------------
 
@@ -128,7 +128,7 @@ NotificationIDs toIDSet(const std::vector<std::int64_t>& ids) {
 }
 
 RawInfo middleRow() {
-    return makeRow(Spread::twentyCustomers, kLarge, kMiddleIndex, now());
+    return makeRow(Spread::twentyCustomers, largeTable, middleIndex, now());
 }
 
 std::string inCondition(const std::vector<std::int64_t>& ids) {
@@ -232,7 +232,7 @@ struct Pairing {
 
 // How the binary measures (set from its command line in `main`).
 struct Settings {
-    // Count instructions instead of timing: each case makes `kInstructionCalls` calls, each under
+    // Count instructions instead of timing: each case makes `instructionCalls` calls, each under
     // callgrind's instrumentation (started and stopped around the call alone), and then dumps
     // callgrind's counters under the case's name. Run under
     // `valgrind --tool=callgrind --instr-atstart=no`.
@@ -243,7 +243,7 @@ struct Settings {
     Pairing* pairing = nullptr;
 };
 Settings settings;
-constexpr int kInstructionCalls = 3;
+constexpr int instructionCalls = 3;
 
 double secondsOf(const std::function<void()>& operation) {
     const auto start = std::chrono::steady_clock::now();
@@ -362,7 +362,7 @@ std::vector<Case> cases() {
     std::vector<Case> all;
 
     // Save of a new notification with a button: existence by content, INSERT, button INSERT.
-    for (const int rows : {1'000, kLarge}) {
+    for (const int rows : {1'000, largeTable}) {
         const auto check = [rows](Maintenance& maintenance) { expectCount(maintenance, rows + 1, "after a save"); };
         all.push_back({"save_new/" + std::to_string(rows), Access::write,
                        [rows, check](benchmark::State& state) {
@@ -370,7 +370,7 @@ std::vector<Case> cases() {
                            auto store = openLibraryStore(file.path());
                            Maintenance maintenance(file.path());
                            const auto inputs =
-                               toModelInfos(newNotifications(kSaveRestoreInterval, "9.new.", {}, false));
+                               toModelInfos(newNotifications(saveRestoreInterval, "9.new.", {}, false));
                            std::size_t next = 0;
                            measure(
                                state, [&] { store->save(inputs[next++ % inputs.size()]); },
@@ -378,13 +378,13 @@ std::vector<Case> cases() {
                                    maintenance.deleteAbove(rows);
                                    next = 0;
                                },
-                               kSaveRestoreInterval, [&] { check(maintenance); });
+                               saveRestoreInterval, [&] { check(maintenance); });
                        },
                        [rows, check](benchmark::State& state) {
                            WorkingCopy file(Spread::twentyCustomers, rows);
                            RawStore store(file.path());
                            Maintenance maintenance(file.path());
-                           const auto inputs = newNotifications(kSaveRestoreInterval, "9.new.", {}, false);
+                           const auto inputs = newNotifications(saveRestoreInterval, "9.new.", {}, false);
                            std::size_t next = 0;
                            measure(
                                state,
@@ -396,7 +396,7 @@ std::vector<Case> cases() {
                                    maintenance.deleteAbove(rows);
                                    next = 0;
                                },
-                               kSaveRestoreInterval, [&] { check(maintenance); });
+                               saveRestoreInterval, [&] { check(maintenance); });
                        }});
     }
 
@@ -410,10 +410,10 @@ std::vector<Case> cases() {
             row.button->notificationId.reset();
             return row;
         };
-        const auto check = [](Maintenance& maintenance) { expectCount(maintenance, kLarge, "after a duplicate"); };
+        const auto check = [](Maintenance& maintenance) { expectCount(maintenance, largeTable, "after a duplicate"); };
         all.push_back({"save_duplicate/10000", Access::write,
                        [duplicate, check](benchmark::State& state) {
-                           WorkingCopy file(Spread::twentyCustomers, kLarge);
+                           WorkingCopy file(Spread::twentyCustomers, largeTable);
                            auto store = openLibraryStore(file.path());
                            Maintenance maintenance(file.path());
                            const NotificationModelInfo input = toModelInfo(duplicate());
@@ -421,7 +421,7 @@ std::vector<Case> cases() {
                                state, [&] { store->save(input); }, [] {}, 0, [&] { check(maintenance); });
                        },
                        [duplicate, check](benchmark::State& state) {
-                           WorkingCopy file(Spread::twentyCustomers, kLarge);
+                           WorkingCopy file(Spread::twentyCustomers, largeTable);
                            RawStore store(file.path());
                            Maintenance maintenance(file.path());
                            const RawInfo input = duplicate();
@@ -431,7 +431,7 @@ std::vector<Case> cases() {
     }
 
     // Everything, newest first, with buttons.
-    for (const int rows : {100, 1'000, kLarge}) {
+    for (const int rows : {100, 1'000, largeTable}) {
         all.push_back({"fetch_all/" + std::to_string(rows), Access::read,
                        [rows](benchmark::State& state) {
                            WorkingCopy file(Spread::twentyCustomers, rows);
@@ -459,7 +459,7 @@ std::vector<Case> cases() {
 
     all.push_back({"fetch_10_ids/10000", Access::read,
                    [](benchmark::State& state) {
-                       WorkingCopy file(Spread::twentyCustomers, kLarge);
+                       WorkingCopy file(Spread::twentyCustomers, largeTable);
                        auto store = openLibraryStore(file.path());
                        const std::optional<NotificationIDs> ids = toIDSet(tenIDs());
                        const auto found = store->fetchNotifications(ids);
@@ -471,7 +471,7 @@ std::vector<Case> cases() {
                        });
                    },
                    [](benchmark::State& state) {
-                       WorkingCopy file(Spread::twentyCustomers, kLarge);
+                       WorkingCopy file(Spread::twentyCustomers, largeTable);
                        RawStore store(file.path());
                        const std::optional<std::vector<std::int64_t>> ids = tenIDs();
                        const auto found = store.fetchNotifications(ids);
@@ -485,29 +485,29 @@ std::vector<Case> cases() {
 
     all.push_back({"count/10000", Access::read,
                    [](benchmark::State& state) {
-                       WorkingCopy file(Spread::twentyCustomers, kLarge);
+                       WorkingCopy file(Spread::twentyCustomers, largeTable);
                        auto store = openLibraryStore(file.path());
-                       expect(store->notificationsCount() == kLarge, "count");
+                       expect(store->notificationsCount() == largeTable, "count");
                        measure(state, [&] { benchmark::DoNotOptimize(store->notificationsCount()); });
                    },
                    [](benchmark::State& state) {
-                       WorkingCopy file(Spread::twentyCustomers, kLarge);
+                       WorkingCopy file(Spread::twentyCustomers, largeTable);
                        RawStore store(file.path());
-                       expect(store.notificationsCount() == kLarge, "count");
+                       expect(store.notificationsCount() == largeTable, "count");
                        measure(state, [&] { benchmark::DoNotOptimize(store.notificationsCount()); });
                    }});
 
     // The lookups find the row in the middle of the table (a scan of half of it).
     all.push_back({"contains_vantro/10000", Access::read,
                    [](benchmark::State& state) {
-                       WorkingCopy file(Spread::twentyCustomers, kLarge);
+                       WorkingCopy file(Spread::twentyCustomers, largeTable);
                        auto store = openLibraryStore(file.path());
                        const std::string version = middleRow().notification.version;
                        expect(store->containsVantro(version), "containsVantro");
                        measure(state, [&] { benchmark::DoNotOptimize(store->containsVantro(version)); });
                    },
                    [](benchmark::State& state) {
-                       WorkingCopy file(Spread::twentyCustomers, kLarge);
+                       WorkingCopy file(Spread::twentyCustomers, largeTable);
                        RawStore store(file.path());
                        const std::string version = middleRow().notification.version;
                        expect(store.containsVantro(version), "containsVantro");
@@ -516,7 +516,7 @@ std::vector<Case> cases() {
 
     all.push_back({"contains_notification/10000", Access::read,
                    [](benchmark::State& state) {
-                       WorkingCopy file(Spread::twentyCustomers, kLarge);
+                       WorkingCopy file(Spread::twentyCustomers, largeTable);
                        auto store = openLibraryStore(file.path());
                        const RawNotification row = middleRow().notification;
                        const auto kind = static_cast<NotificationKind>(row.notificationKind);
@@ -528,7 +528,7 @@ std::vector<Case> cases() {
                        measure(state, [&] { benchmark::DoNotOptimize(ask()); });
                    },
                    [](benchmark::State& state) {
-                       WorkingCopy file(Spread::twentyCustomers, kLarge);
+                       WorkingCopy file(Spread::twentyCustomers, largeTable);
                        RawStore store(file.path());
                        const RawNotification row = middleRow().notification;
                        const std::optional<std::string> version = row.version;
@@ -542,7 +542,7 @@ std::vector<Case> cases() {
     // Status and visibility alternate, so every call changes the rows it names.
     all.push_back({"update_status_100/10000", Access::write,
                    [](benchmark::State& state) {
-                       WorkingCopy file(Spread::twentyCustomers, kLarge);
+                       WorkingCopy file(Spread::twentyCustomers, largeTable);
                        auto store = openLibraryStore(file.path());
                        const NotificationIDs ids = toIDSet(hundredIDs());
                        bool read = false;
@@ -552,7 +552,7 @@ std::vector<Case> cases() {
                        });
                    },
                    [](benchmark::State& state) {
-                       WorkingCopy file(Spread::twentyCustomers, kLarge);
+                       WorkingCopy file(Spread::twentyCustomers, largeTable);
                        RawStore store(file.path());
                        const std::vector<std::int64_t> ids = hundredIDs();
                        bool read = false;
@@ -565,7 +565,7 @@ std::vector<Case> cases() {
 
     all.push_back({"update_button_visibility_100/10000", Access::write,
                    [](benchmark::State& state) {
-                       WorkingCopy file(Spread::twentyCustomers, kLarge);
+                       WorkingCopy file(Spread::twentyCustomers, largeTable);
                        auto store = openLibraryStore(file.path());
                        const NotificationIDs ids = toIDSet(hundredIDs());
                        bool visible = true;
@@ -575,7 +575,7 @@ std::vector<Case> cases() {
                        });
                    },
                    [](benchmark::State& state) {
-                       WorkingCopy file(Spread::twentyCustomers, kLarge);
+                       WorkingCopy file(Spread::twentyCustomers, largeTable);
                        RawStore store(file.path());
                        const std::vector<std::int64_t> ids = hundredIDs();
                        bool visible = true;
@@ -587,10 +587,10 @@ std::vector<Case> cases() {
 
     // Deletion of 100 pairs as read back from the store; they are put back after each call.
     {
-        const auto check = [](Maintenance& maintenance) { expectCount(maintenance, kLarge - 100, "after delete"); };
+        const auto check = [](Maintenance& maintenance) { expectCount(maintenance, largeTable - 100, "after delete"); };
         all.push_back({"delete_100/10000", Access::write,
                        [check](benchmark::State& state) {
-                           WorkingCopy file(Spread::twentyCustomers, kLarge);
+                           WorkingCopy file(Spread::twentyCustomers, largeTable);
                            auto store = openLibraryStore(file.path());
                            Maintenance maintenance(file.path());
                            maintenance.snapshot(inCondition(hundredIDs()));
@@ -602,7 +602,7 @@ std::vector<Case> cases() {
                                [&] { check(maintenance); });
                        },
                        [check](benchmark::State& state) {
-                           WorkingCopy file(Spread::twentyCustomers, kLarge);
+                           WorkingCopy file(Spread::twentyCustomers, largeTable);
                            RawStore store(file.path());
                            Maintenance maintenance(file.path());
                            maintenance.snapshot(inCondition(hundredIDs()));
@@ -625,11 +625,11 @@ std::vector<Case> cases() {
         const auto kind = NotificationKind::appUpdate;
         const std::string condition = "\"notificationKind\" = " + std::to_string(rawValue(kind));
         const auto check = [](Maintenance& maintenance) {
-            expectCount(maintenance, kLarge - kLarge / 5, "after deleting a kind");
+            expectCount(maintenance, largeTable - largeTable / 5, "after deleting a kind");
         };
         all.push_back({"delete_all_of_kind/10000", Access::write,
                        [kind, condition, check](benchmark::State& state) {
-                           WorkingCopy file(Spread::twentyCustomers, kLarge);
+                           WorkingCopy file(Spread::twentyCustomers, largeTable);
                            auto store = openLibraryStore(file.path());
                            Maintenance maintenance(file.path());
                            maintenance.snapshot(condition);
@@ -638,7 +638,7 @@ std::vector<Case> cases() {
                                [&] { check(maintenance); });
                        },
                        [kind, condition, check](benchmark::State& state) {
-                           WorkingCopy file(Spread::twentyCustomers, kLarge);
+                           WorkingCopy file(Spread::twentyCustomers, largeTable);
                            RawStore store(file.path());
                            Maintenance maintenance(file.path());
                            maintenance.snapshot(condition);
@@ -686,10 +686,10 @@ std::vector<Case> cases() {
 
     // The pruning pass over 10,000 rows with nothing to delete: one read and the grouping.
     {
-        const auto check = [](Maintenance& maintenance) { expectCount(maintenance, kLarge, "after clean-up"); };
+        const auto check = [](Maintenance& maintenance) { expectCount(maintenance, largeTable, "after clean-up"); };
         all.push_back({"cleanup_nothing/10000", Access::read,
                        [check](benchmark::State& state) {
-                           WorkingCopy file(Spread::withinLimits, kLarge);
+                           WorkingCopy file(Spread::withinLimits, largeTable);
                            auto store = openLibraryStore(file.path());
                            auto updater = std::make_shared<NotificationUpdaterImpl>(store);
                            Maintenance maintenance(file.path());
@@ -697,7 +697,7 @@ std::vector<Case> cases() {
                                state, [&] { updater->cleanUp(); }, [] {}, 0, [&] { check(maintenance); });
                        },
                        [check](benchmark::State& state) {
-                           WorkingCopy file(Spread::withinLimits, kLarge);
+                           WorkingCopy file(Spread::withinLimits, largeTable);
                            RawStore store(file.path());
                            Maintenance maintenance(file.path());
                            measure(
@@ -708,23 +708,23 @@ std::vector<Case> cases() {
     // The pruning pass over 10,000 rows that deletes 2,000 (1,000 over the per-customer limit,
     // 1,000 too old); they are put back after each call.
     {
-        const auto check = [](Maintenance& maintenance) { expectCount(maintenance, kLarge - 2'000, "after pruning"); };
+        const auto check = [](Maintenance& maintenance) { expectCount(maintenance, largeTable - 2'000, "after pruning"); };
         all.push_back({"cleanup_2000/10000", Access::write,
                        [check](benchmark::State& state) {
-                           WorkingCopy file(Spread::twoThousandToPrune, kLarge);
+                           WorkingCopy file(Spread::twoThousandToPrune, largeTable);
                            auto store = openLibraryStore(file.path());
                            auto updater = std::make_shared<NotificationUpdaterImpl>(store);
                            Maintenance maintenance(file.path());
-                           maintenance.snapshot(inCondition(rowsToPrune(kLarge)));
+                           maintenance.snapshot(inCondition(rowsToPrune(largeTable)));
                            measure(
                                state, [&] { updater->cleanUp(); }, [&] { maintenance.restore(); }, 1,
                                [&] { check(maintenance); });
                        },
                        [check](benchmark::State& state) {
-                           WorkingCopy file(Spread::twoThousandToPrune, kLarge);
+                           WorkingCopy file(Spread::twoThousandToPrune, largeTable);
                            RawStore store(file.path());
                            Maintenance maintenance(file.path());
-                           maintenance.snapshot(inCondition(rowsToPrune(kLarge)));
+                           maintenance.snapshot(inCondition(rowsToPrune(largeTable)));
                            measure(
                                state,
                                [&] {
@@ -740,14 +740,14 @@ std::vector<Case> cases() {
     all.push_back(
         {"open/10000", Access::write,
          [](benchmark::State& state) {
-             WorkingCopy file(Spread::twentyCustomers, kLarge);
+             WorkingCopy file(Spread::twentyCustomers, largeTable);
              const NotificationDatabaseConfig config(file.path(), storeConfiguration());
              std::shared_ptr<NotificationDatabaseImpl> store;
              measure(
                  state, [&] { store = NotificationDatabaseImpl::create(config); }, [&] { store.reset(); }, 1, [] {});
          },
          [](benchmark::State& state) {
-             WorkingCopy file(Spread::twentyCustomers, kLarge);
+             WorkingCopy file(Spread::twentyCustomers, largeTable);
              std::unique_ptr<RawStore> store;
              measure(
                  state, [&] { store = std::make_unique<RawStore>(file.path()); }, [&] { store.reset(); }, 1, [] {});
@@ -798,7 +798,7 @@ void registerStoreBenchmarks() {
             auto* benchmark = benchmark::RegisterBenchmark(
                 name.c_str(), guarded(name, library ? entry.library : entry.baseline, entry.access));
             benchmark->UseRealTime()->Unit(benchmark::kMicrosecond);
-            if (settings.countInstructions) benchmark->Iterations(kInstructionCalls)->Repetitions(1);
+            if (settings.countInstructions) benchmark->Iterations(instructionCalls)->Repetitions(1);
         }
         if (settings.countInstructions) continue;
         benchmark::RegisterBenchmark(("Pair/" + entry.name).c_str(), paired(entry))

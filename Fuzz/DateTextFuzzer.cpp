@@ -29,11 +29,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::int64_t integer = 0;
     std::memcpy(&integer, data, 8);
     // Every instant of the years is written and reads back; the next millisecond outside them is not written.
-    const Timestamp instant = at(kEarliest + std::int64_t(std::uint64_t(integer) % std::uint64_t(kLatest - kEarliest)));
+    const Timestamp instant = at(earliest + std::int64_t(std::uint64_t(integer) % std::uint64_t(latest - earliest)));
     const auto written = formatDateText(instant);
     FUZZ_CHECK(written && written->size() == 23 && parseDateText(*written) == instant,
                std::to_string(instant.time_since_epoch().count()) + " ms: not 23 characters that read back");
-    FUZZ_CHECK(!formatDateText(at(integer < 0 ? kEarliest - 1 : kLatest)), "year outside 0...9999");
+    FUZZ_CHECK(!formatDateText(at(integer < 0 ? earliest - 1 : latest)), "year outside 0...9999");
     // A clock reading of any precision floors to its millisecond.
     const std::chrono::sys_time<nanoseconds> fine{nanoseconds(integer)};
     FUZZ_CHECK(Timestamp(fine).time_since_epoch() == std::chrono::floor<milliseconds>(fine.time_since_epoch()),
@@ -44,10 +44,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const auto date = dateFromSecondsSince1970(value);
         const long double exact = static_cast<long double>(value) * 1000.0L;
         const long double slack = std::fabs(exact) * 1e-15L;
-        if (!std::isfinite(value) || exact < kEarliest - 1.0L || exact > kLatest + 1.0L) {
+        if (!std::isfinite(value) || exact < earliest - 1.0L || exact > latest + 1.0L) {
             FUZZ_CHECK(!date, std::to_string(value) + " s was read outside the years");
-        } else if (exact > kEarliest + 1.0L && exact < kLatest - 1.0L) {
-            const auto read = static_cast<long double>(date ? date->time_since_epoch().count() : kLatest);
+        } else if (exact > earliest + 1.0L && exact < latest - 1.0L) {
+            const auto read = static_cast<long double>(date ? date->time_since_epoch().count() : latest);
             FUZZ_CHECK(date && read <= exact + slack && (read > exact - 1.0L - slack || read == std::floor(exact)),
                        std::to_string(value) + " s was not read as the millisecond that holds it");
         }

@@ -3,7 +3,7 @@
 // Checks and models shared by the fuzz targets. A broken check prints what broke and aborts,
 // which libFuzzer reports as a crash, keeping the input; so does an exception that escapes.
 
-#include <NotificationDatabase/NotificationModel/DateText.hpp>
+#include <NotificationDatabase/RecordCoding/Timestamp.hpp>
 
 #include <chrono>
 #include <cstdio>
@@ -25,7 +25,7 @@ inline std::string replayedName;
 }
 
 // Years 0000...9999 in milliseconds since 1970, the end excluded; `at` is the instant of such a count.
-constexpr std::int64_t kEarliest = -62167219200000, kLatest = 253402300800000;
+constexpr std::int64_t earliest = -62167219200000, latest = 253402300800000;
 inline const auto at = [](std::int64_t ms) { return Timestamp(Timestamp::time_point(std::chrono::milliseconds(ms))); };
 
 // The instant date text names: "YYYY-MM-DD", then " HH:MM" (or "THH:MM"), ":SS" and ".SSS", in

@@ -49,22 +49,21 @@ std::optional<FieldValue> plainValue(const FieldDescriptor& field, const nlohman
 // (`again`), and the keyed coding gives it back unchanged.
 template <class Record>
 void checkRecord(const Record& record, const Record& again, const nlohmann::json& object, std::size_t entry) {
-    using Coding = RecordCoding<Record>;
     const std::string where = "entry " + std::to_string(entry) + ": ";
     FUZZ_CHECK(object.is_object(), where + "a record was read from a non-object");
     const RecordValues<Record> values = encodeRecord(record);
     std::size_t known = 0;  // keys of the object that name a field
     for (std::size_t i = 0; i < values.size(); ++i) {
-        const std::string name(Coding::fields[i].name);
+        const std::string name(fieldDescriptors<Record>[i].name);
         known += object.contains(name) ? 1 : 0;
-        const auto expected = plainValue(Coding::fields[i], object.value(name, nlohmann::json()));
+        const auto expected = plainValue(fieldDescriptors<Record>[i], object.value(name, nlohmann::json()));
         FUZZ_CHECK(!expected || *expected == values[i], where + name + " differs from the JSON");
-        FUZZ_CHECK(Coding::fields[i].optional || values[i].index() != 0, where + name + " is required but absent");
+        FUZZ_CHECK(fieldDescriptors<Record>[i].optional || values[i].index() != 0, where + name + " is required but absent");
     }
     FUZZ_CHECK(known == object.size(), where + "an unknown key was accepted");
     FUZZ_CHECK(encodeRecord(again) == values, where + "changed on its way through JSON");
     RecordValues<Record> copy = values;
-    FUZZ_CHECK(encodeRecord(Coding::decode(copy)) == values, where + "keyed coding changed it");
+    FUZZ_CHECK(encodeRecord(decodeRecord<Record>(copy)) == values, where + "keyed coding changed it");
 }
 
 void checkBase64(std::string_view text) {

@@ -2,7 +2,7 @@
 
 // How the tool names the cases of the stored enumerations in messages, help and completion.
 
-#include <NotificationDatabase/NotificationModel/EnumerationCases.hpp>
+#include <NotificationDatabase/RecordCoding/EnumerationCases.hpp>
 
 #include <string>
 #include <string_view>

@@ -2,7 +2,7 @@
 
 #include "Enumerations.hpp"
 
-#include <NotificationDatabase/DatabaseError.hpp>
+#include <NotificationDatabase/Database/DatabaseError.hpp>
 
 #include <array>
 #include <cstdint>
@@ -162,35 +162,34 @@ FieldValue fieldFromJson(const FieldDescriptor& field, std::string_view path, co
 
 template <class Record>
 Json recordToJson(const Record& record) {
-    using Coding = RecordCoding<Record>;
+    const RecordValues<Record> values = encodeRecord(record);
     Json object = Json::object();
-    for (std::size_t i = 0; i < Coding::fields.size(); ++i) {
-        object[std::string(Coding::fields[i].name)] = fieldToJson(Coding::encode(record, i));
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        object[std::string(fieldDescriptors<Record>[i].name)] = fieldToJson(values[i]);
     }
     return object;
 }
 
 template <class Record>
 Record recordFromJson(const Json& object, std::string_view path) {
-    using Coding = RecordCoding<Record>;
     if (!object.is_object()) fail(path, "expected an object, got " + describeValue(object));
 
     for (const auto& [key, value] : object.items()) {
         bool known = false;
-        for (const auto& field : Coding::fields) known = known || field.name == key;
+        for (const auto& field : fieldDescriptors<Record>) known = known || field.name == key;
         if (!known) fail(std::string(path) + "." + key, "unknown field");
     }
 
     RecordValues<Record> values;
-    for (std::size_t i = 0; i < Coding::fields.size(); ++i) {
-        const auto& field = Coding::fields[i];
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        const auto& field = fieldDescriptors<Record>[i];
         const std::string fieldPath = std::string(path) + "." + std::string(field.name);
         auto found = object.find(std::string(field.name));
         values[i] = found == object.end() ? FieldValue{} : fieldFromJson<Record>(field, fieldPath, *found);
         if (!field.optional && std::holds_alternative<std::monostate>(values[i])) fail(fieldPath, "is required");
     }
     try {
-        return Coding::decode(values);
+        return decodeRecord<Record>(values);
     } catch (const RecordDecodingError& error) {
         fail(std::string(path) + "." + error.column(), error.what());
     }

@@ -18,7 +18,7 @@ namespace {
 using testing::ChildProcess;
 using testing::RawDatabase, testing::Rows;
 
-const std::string kChild = std::string(NDB_CHILD_DIR) + "/ndb_child_writer";
+const std::string childProgram = std::string(NDB_CHILD_DIR) + "/ndb_child_writer";
 
 // A size times the whole number $NDB_STRESS_SCALE (1 when unset).
 int scaled(int count) {
@@ -46,7 +46,7 @@ TEST(Process, WriterProcessesShareOneFile) {
     std::vector<std::unique_ptr<ChildProcess>> children;
     for (int w = 0; w < writers; ++w) {
         children.push_back(std::make_unique<ChildProcess>(
-            kChild, std::vector<std::string>{"saves", file.string(), std::to_string(w), std::to_string(saves),
+            childProgram, std::vector<std::string>{"saves", file.string(), std::to_string(w), std::to_string(saves),
                                              (directory / "go").string()}));
         ASSERT_EQ(children.back()->readLine(), "ready");
     }
@@ -83,7 +83,7 @@ TEST(Process, AWriterKilledAtAnyMomentLosesNothingItCommitted) {
     std::mt19937 random(std::random_device{}());
     std::map<std::string, bool> reported;  // title -> still stored
     for (int run = 0; run < scaled(20); ++run) {
-        ChildProcess writer(kChild, {"crash", file.string(), std::to_string(run)});
+        ChildProcess writer(childProgram, {"crash", file.string(), std::to_string(run)});
         ASSERT_EQ(writer.readLine(), "ready");
         for (int changes = 4 + int(random() % 20); changes > 0; --changes) {
             const auto line = writer.readLine();
@@ -111,11 +111,12 @@ TEST(Process, AWriterKilledAtAnyMomentLosesNothingItCommitted) {
 // read sees whole saves, counts never go back, each key is stored once, one notice per row.
 TEST(Threads, ConcurrentSavesAndReadsOnOneStore) {
     testing::TemporaryDirectory directory;
-    testing::LogCapture log;
-    testing::ScheduledNotices notices;
-    auto store = NotificationDatabaseImpl::create(NotificationDatabaseConfig(
-        directory / "db.sqlite",
-        Configuration{false, BusyMode::timeout(NotificationDatabaseConfig::busyTimeoutSeconds), false}));
+    testing::TestServices services;
+    auto store = NotificationDatabaseImpl::create(
+        NotificationDatabaseConfig(
+            directory / "db.sqlite",
+            Configuration{false, BusyMode::timeout(NotificationDatabaseConfig::busyTimeoutSeconds), false}),
+        services.services());
     const int perThread = scaled(300);
     std::atomic<bool> done{false};
     std::vector<std::thread> threads;
@@ -146,9 +147,9 @@ TEST(Threads, ConcurrentSavesAndReadsOnOneStore) {
     reader.join();
     const int expected = 4 * (perThread - (perThread + 9) / 10) + (perThread + 9) / 10;
     EXPECT_EQ(store->notificationsCount(), expected);
-    EXPECT_EQ(int(notices.take().size()), expected);
+    EXPECT_EQ(int(services.takeDeadlines().size()), expected);
     EXPECT_EQ(brokenRules(RawDatabase(directory / "db.sqlite")), Rows{});
-    EXPECT_TRUE(log.take().empty());
+    EXPECT_TRUE(services.takeLog().empty());
 }
 
 }  // namespace

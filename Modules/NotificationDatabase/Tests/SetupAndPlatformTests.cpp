@@ -45,8 +45,8 @@ TEST(Setup, TheReadyMadeConfigurationsAndTheSchemaOfANewFile) {
         EXPECT_EQ(config->configuration().busyMode.kind(), BusyMode::Kind::timeout);
         EXPECT_EQ(config->configuration().busyMode.seconds(), 2.0);
     }
-    testing::ScheduledNotices notices;
-    auto store = NotificationDatabaseImpl::create(writer);
+    testing::TestServices services;
+    auto store = NotificationDatabaseImpl::create(writer, services.services());
     const testing::RawDatabase raw(writer.storageURL());
     EXPECT_EQ(raw.query("PRAGMA journal_mode"), Rows{{"wal"}});
     EXPECT_EQ(
@@ -62,7 +62,7 @@ TEST(Setup, TheReadyMadeConfigurationsAndTheSchemaOfANewFile) {
                R"("notification"("id") ON DELETE CASCADE, "actionKind" INTEGER, "userAction" BLOB))"},
               {"index", "notificationButton_on_notificationId",
                R"(CREATE INDEX "notificationButton_on_notificationId" ON "notificationButton"("notificationId"))"}}));
-    EXPECT_TRUE(notices.take().empty()) << "creating the tables posted";
+    EXPECT_TRUE(services.takeDeadlines().empty()) << "creating the tables posted";
 
     const auto partial = home / "partial.sqlite";
     testing::RawDatabase(partial).execute("CREATE TABLE Notification (id INTEGER PRIMARY KEY, odd TEXT)");
@@ -155,36 +155,27 @@ TEST(Platform, NoticesWithoutABusAreLoggedAndDropped) {
 // A process about to exit posts the notices its stores scheduled at once, and their jobs then
 // post nothing; a job that comes due before an earlier one posts the earlier notice first.
 TEST(Platform, PendingNoticesPostedAtOnceAreNotPostedAgain) {
-    struct CountingCenter final : DistributedNotificationCenter {
-        void post(const std::string& /*name*/) override { ++posts; }
-        std::unique_ptr<ObserverToken> addObserver(const std::string&, Handler) override { return nullptr; }
-        int posts = 0;
-    };
-    auto center = std::make_shared<CountingCenter>();
-    DistributedNotificationCenter::setDefaultCenter(center);
-    std::vector<MainQueue::Job> jobs;
-    MainQueue::main().setScheduler([&jobs](auto, MainQueue::Job job) { jobs.push_back(std::move(job)); });
     testing::TemporaryDirectory directory;
+    testing::TestServices services;
     const NotificationDatabaseConfig config(directory / "notices.sqlite", Configuration{});
-    auto first = NotificationDatabaseImpl::create(config);
-    auto second = NotificationDatabaseImpl::create(config);
+    auto first = NotificationDatabaseImpl::create(config, services.services());
+    auto second = NotificationDatabaseImpl::create(config, services.services());
     const NotificationModelInfo info(NotificationModel(std::nullopt, "c", Timestamp{}, "1", "t", std::nullopt,
                                                        std::nullopt, std::nullopt, false, std::nullopt,
                                                        NotificationStatus::new_, NotificationKind::default_));
     first->save(info);
     second->save(info);
     NotificationDatabaseImpl::postPendingNotices();
-    EXPECT_EQ(center->posts, 2);
+    EXPECT_EQ(services.posts(), 2);
     first->save(info);
     second->save(info);
+    const auto jobs = services.takeJobs();
     ASSERT_EQ(jobs.size(), 4U);
-    jobs[3]();
-    EXPECT_EQ(center->posts, 4);
-    for (const auto& job : jobs) job();
+    jobs[3].second();
+    EXPECT_EQ(services.posts(), 4);
+    for (const auto& job : jobs) job.second();
     NotificationDatabaseImpl::postPendingNotices();
-    EXPECT_EQ(center->posts, 4);
-    MainQueue::main().setScheduler({});
-    DistributedNotificationCenter::setDefaultCenter(nullptr);
+    EXPECT_EQ(services.posts(), 4);
 }
 
 }  // namespace

@@ -7,7 +7,7 @@
 
 #include "Testing.hpp"
 
-#include <NotificationDatabase/DatabaseError.hpp>
+#include <NotificationDatabase/Database/DatabaseError.hpp>
 #include <NotificationDatabase/NotificationUpdater/NotificationUpdaterImpl.hpp>
 
 #include <gtest/gtest.h>
@@ -72,64 +72,65 @@ const Operation deleteSome = [](auto& s) {  // notifications 1 to 3, named by id
     const auto n = [](std::int64_t id) { return entry(id, NotificationKind::default_, "", std::nullopt); };
     return s.deleteNotifications({n(1), n(2), n(3)}), "";
 };
-const Fault kBadStatus{"status 7", "UPDATE notification SET status = 7 WHERE id = 2"};
-const Fault kRefuseDeleting2{
+const Fault badStatus{"status 7", "UPDATE notification SET status = 7 WHERE id = 2"};
+const Fault refuseDeleting2{
     "a trigger refusing with FAIL to delete 2",
     "CREATE TRIGGER refuse BEFORE DELETE ON notification WHEN old.id = 2 BEGIN SELECT RAISE(FAIL, 'refused'); END"};
-const Fault kDroppedColumn{"a dropped column", "ALTER TABLE notification DROP COLUMN bannerUrl"};
-const Fault kReadOnly{"a read-only store", ""};
-const std::string kUnreadable = R"(could not read column "status" of "notification": integer is no NotificationStatus)";
-const std::string kNoKind =
+const Fault droppedColumn{"a dropped column", "ALTER TABLE notification DROP COLUMN bannerUrl"};
+const Fault readOnlyStore{"a read-only store", ""};
+const Fault writingScheduler{"a main queue that saves as a job is scheduled", ""};
+const std::string unreadable = R"(could not read column "status" of "notification": integer is no NotificationStatus)";
+const std::string noKind =
     R"(could not read column "notificationKind" of "notification": integer is no NotificationKind)";
-const std::string kRefused = "SQLite error 19 (SQLITE_CONSTRAINT_TRIGGER): refused";
-const std::string kReadOnlyError = "SQLite error 8 (SQLITE_READONLY): attempt to write a readonly database";
-const std::string kUnsaved = "Unable to save wrapped notification: ";
-const std::string kUnread = "Unable to read wrapped notifications: ";
+const std::string refusedError = "SQLite error 19 (SQLITE_CONSTRAINT_TRIGGER): refused";
+const std::string readOnlyError = "SQLite error 8 (SQLITE_READONLY): attempt to write a readonly database";
+const std::string unsaved = "Unable to save wrapped notification: ";
+const std::string unread = "Unable to read wrapped notifications: ";
 
 // clang-format off
-const std::vector<Case> kCases = {
-    {kBadStatus, "fetch", fetch, "0 rows", kUnread + kUnreadable},
-    {kBadStatus, "count", count, "3", ""},
-    {kBadStatus, "containsNotification",
+const std::vector<Case> failureCases = {
+    {badStatus, "fetch", fetch, "0 rows", unread + unreadable},
+    {badStatus, "count", count, "3", ""},
+    {badStatus, "containsNotification",
      [](auto& s) { return std::to_string(s.containsNotification(NotificationKind::appUpdate, "c", {}, "2")); }, "0",
      ""},
-    {kBadStatus, "containsVantro", [](auto& s) { return std::to_string(s.containsVantro("2")); }, "1", ""},
-    {kBadStatus, "save a content duplicate",
+    {badStatus, "containsVantro", [](auto& s) { return std::to_string(s.containsVantro("2")); }, "1", ""},
+    {badStatus, "save a content duplicate",
      [](auto& s) { return s.save(entry(std::nullopt, NotificationKind::appUpdate, "2", std::nullopt)), ""; }, "",
-     kUnsaved + kUnreadable},
-    {kBadStatus, "deleteAllNotifications",
+     unsaved + unreadable},
+    {badStatus, "deleteAllNotifications",
      [](auto& s) { return s.deleteAllNotifications(NotificationKind::appUpdate), ""; }, "",
-     "Unable to delete all notification with kind 2: " + kUnreadable},
-    {kBadStatus, "cleanUp long after", [](auto& s) {
+     "Unable to delete all notification with kind 2: " + unreadable},
+    {badStatus, "cleanUp long after", [](auto& s) {
          std::shared_ptr<NotificationDatabaseProtocol> store(&s, [](auto*) {});
          NotificationUpdaterImpl(store, [] { return parseDateText("2099-01-01").value(); }).cleanUp();
          return "";
-     }, "", kUnread + kUnreadable},
-    {{"kind 7", "UPDATE notification SET notificationKind = 7 WHERE id = 3"}, "fetch", fetch, "0 rows", kUnread + kNoKind},
+     }, "", unread + unreadable},
+    {{"kind 7", "UPDATE notification SET notificationKind = 7 WHERE id = 3"}, "fetch", fetch, "0 rows", unread + noKind},
     {{"kind below zero", "UPDATE notification SET notificationKind = -1 WHERE id = 3"}, "fetch", fetch, "0 rows",
-     kUnread + kNoKind},
+     unread + noKind},
     {{"actionKind 9", "UPDATE notificationButton SET actionKind = 9 WHERE id = 1"}, "fetch", fetch, "0 rows",
-     kUnread + R"(could not read column "actionKind" of "notificationButton": integer is no UserActionKind)"},
+     unread + R"(could not read column "actionKind" of "notificationButton": integer is no UserActionKind)"},
     // Another writer's booleans: any integer but 0 is true.
     {{"booleans 2, -7 and -1", "UPDATE notification SET isMarketing = 2 * (id = 1) - 7 * (id = 2); "
                                "UPDATE notificationButton SET visible = CASE id WHEN 1 THEN 2 WHEN 2 THEN 0 ELSE -1 END"},
      "fetch", flags, "1:11 2:10 3:01 ", ""},
-    {kDroppedColumn, "fetch", fetch, "3 rows", ""},
-    {kDroppedColumn, "save", saveNew, "",
-     kUnsaved + "SQLite error 1 (SQLITE_ERROR): table notification has no column named bannerUrl"},
+    {droppedColumn, "fetch", fetch, "3 rows", ""},
+    {droppedColumn, "save", saveNew, "",
+     unsaved + "SQLite error 1 (SQLITE_ERROR): table notification has no column named bannerUrl"},
     {{"a trigger refusing a button", "CREATE TRIGGER refuse BEFORE INSERT ON notificationButton "
-                                     "BEGIN SELECT RAISE(ABORT, 'refused'); END"}, "save", saveNew, "", kUnsaved + kRefused},
+                                     "BEGIN SELECT RAISE(ABORT, 'refused'); END"}, "save", saveNew, "", unsaved + refusedError},
     {{"a trigger refusing updates", "CREATE TRIGGER refuse BEFORE UPDATE ON notification "
                                     "BEGIN SELECT RAISE(ABORT, 'refused'); END"}, "updateStatus",
      [](auto& s) { return s.updateStatus({1, 2}, NotificationStatus::read), ""; }, "",
-     "Unable to mark as read notification IDs: [1, 2]: " + kRefused},
+     "Unable to mark as read notification IDs: [1, 2]: " + refusedError},
     {{"a trigger refusing the button of 2", "CREATE TRIGGER refuse BEFORE UPDATE ON notificationButton "
                                             "WHEN old.notificationId = 2 BEGIN SELECT RAISE(ABORT, 'refused'); END"},
      "updateButtonVisibility", [](auto& s) { return s.updateButtonVisibility({1, 2, 3}, false), ""; }, "", "",
      {"UPDATE expected.notificationButton SET visible = 0 WHERE notificationId = 1"}},
-    {kRefuseDeleting2, "deleteAll", deleteAll, "", "",
+    {refuseDeleting2, "deleteAll", deleteAll, "", "",
      {"DELETE FROM expected.notification WHERE id = 1", "DELETE FROM expected.notificationButton"}, 1},
-    {kRefuseDeleting2, "delete", deleteSome, "", "",
+    {refuseDeleting2, "delete", deleteSome, "", "",
      {"DELETE FROM expected.notification WHERE id = 1",
       "DELETE FROM expected.notificationButton WHERE notificationId = 1"}, 1},
     {{"a trigger refusing after deleting", "CREATE TRIGGER refuse AFTER DELETE ON notification "
@@ -139,24 +140,21 @@ const std::vector<Case> kCases = {
     {{"a dropped button table", "DROP TABLE notificationButton"}, "deleteAll", deleteAll, "", "",
      {"DELETE FROM expected.notification"}, 1},
     // A read-only store reads, skips what it holds and drops what its contract drops, silently.
-    {kReadOnly, "save", saveNew, "", kUnsaved + kReadOnlyError},
-    {kReadOnly, "save a stored id", saveStored, "", ""},
-    {kReadOnly, "updateStatus", [](auto& s) { return s.updateStatus({}, NotificationStatus::read), ""; }, "",
-     "Unable to mark as read notification IDs: []: " + kReadOnlyError},
-    {kReadOnly, "updateButtonVisibility", hideButtons, "", ""},
-    {kReadOnly, "delete", deleteSome, "", ""},
-    {kReadOnly, "deleteAll", deleteAll, "", ""},
-    {kReadOnly, "fetch", fetch, "3 rows", ""},
+    {readOnlyStore, "save", saveNew, "", unsaved + readOnlyError},
+    {readOnlyStore, "save a stored id", saveStored, "", ""},
+    {readOnlyStore, "updateStatus", [](auto& s) { return s.updateStatus({}, NotificationStatus::read), ""; }, "",
+     "Unable to mark as read notification IDs: []: " + readOnlyError},
+    {readOnlyStore, "updateButtonVisibility", hideButtons, "", ""},
+    {readOnlyStore, "delete", deleteSome, "", ""},
+    {readOnlyStore, "deleteAll", deleteAll, "", ""},
+    {readOnlyStore, "fetch", fetch, "3 rows", ""},
     {{"another writer's lock", "BEGIN IMMEDIATE"}, "open and count", count, "3", ""},
     {{"another writer's lock", "BEGIN IMMEDIATE"}, "open read-only and fetch", fetch, "3 rows", ""},
-    {{"a scheduler that writes", ""}, "save", [](auto& s) {
-         MainQueue::main().setScheduler([&s](auto, auto) { s.save(entry(8, NotificationKind::ai, "8", {})); });
-         s.save(entry(9, NotificationKind::ai, "9", std::nullopt));
-         MainQueue::main().setScheduler({});
-         return "";
-     }, "", kUnsaved + "a write of the database was started from inside another write of it on the same thread",
+    {writingScheduler, "save", [](auto& s) { return s.save(entry(9, NotificationKind::ai, "9", std::nullopt)), ""; },
+     "", unsaved + "a write of the database was started from inside another write of it on the same thread",
      {"INSERT INTO expected.notification SELECT 9, 'c', createdDate, '9', analyticsTag, NULL, NULL, NULL, 0, NULL, 0, "
-      "4 FROM notification WHERE id = 1"}},
+      "4 FROM notification WHERE id = 1"},
+     1},
 };
 // clang-format on
 
@@ -169,9 +167,10 @@ class StoreFailure : public ::testing::TestWithParam<Case> {};
 TEST_P(StoreFailure, GivesTheNeutralAnswerTheMessageAndOnlyTheChangesItKeeps) {
     const Case& c = GetParam();
     testing::TemporaryDirectory directory;
+    testing::TestServices services;
     const NotificationDatabaseConfig config(directory / "db.sqlite",
                                             Configuration{false, BusyMode::timeout(0.05), false});
-    auto store = NotificationDatabaseImpl::create(config);
+    auto store = NotificationDatabaseImpl::create(config, services.services());
     store->save(entry(1, NotificationKind::newApp, "1", 1));
     store->save(entry(2, NotificationKind::appUpdate, "2", 2));
     store->save(entry(3, NotificationKind::default_, "3", 3));
@@ -179,10 +178,12 @@ TEST_P(StoreFailure, GivesTheNeutralAnswerTheMessageAndOnlyTheChangesItKeeps) {
     const std::string fault = c.fault.sql, operation = c.operation;
     const NotificationDatabaseConfig readOnly(config.storageURL(), Configuration{true, BusyMode::timeout(0.05), true});
     other.execute(fault);
-    if (c.fault.name == kReadOnly.name || operation.starts_with("open read-only")) {
-        store = NotificationDatabaseImpl::create(readOnly);
+    if (c.fault.name == readOnlyStore.name || operation.starts_with("open read-only")) {
+        store = NotificationDatabaseImpl::create(readOnly, services.services());
     } else if (operation.starts_with("open")) {
-        store = NotificationDatabaseImpl::create(config);
+        store = NotificationDatabaseImpl::create(config, services.services());
+    } else if (c.fault.name == writingScheduler.name) {
+        services.whenScheduled = [&store] { store->save(entry(8, NotificationKind::ai, "8", {})); };
     }
     // The tables as they must be afterwards: a copy made after the fault, changed as expected.
     other.execute("ATTACH ':memory:' AS expected");
@@ -191,13 +192,12 @@ TEST_P(StoreFailure, GivesTheNeutralAnswerTheMessageAndOnlyTheChangesItKeeps) {
     for (const auto& table : tables)
         other.execute("CREATE TABLE expected." + table + " AS SELECT * FROM main." + table);
     for (const char* change : c.changes) other.execute(change);
-    testing::LogCapture log;
-    testing::ScheduledNotices notices;
+    services.takeLog(), services.takeDeadlines();
     EXPECT_EQ(c.run(*store), c.answer);
     std::vector<std::string> messages;
-    for (const auto& logged : log.take()) messages.push_back(logged.message);
+    for (const auto& logged : services.takeLog()) messages.push_back(logged.message);
     EXPECT_EQ(messages, c.message.empty() ? std::vector<std::string>{} : std::vector<std::string>{c.message});
-    EXPECT_EQ(int(notices.take().size()), c.notices);
+    EXPECT_EQ(int(services.takeDeadlines().size()), c.notices);
     if (fault == "BEGIN IMMEDIATE") other.execute("COMMIT");
     for (const auto& table : tables) {
         const std::string main = "SELECT * FROM main." + table, expected = "SELECT * FROM expected." + table;
@@ -209,7 +209,7 @@ TEST_P(StoreFailure, GivesTheNeutralAnswerTheMessageAndOnlyTheChangesItKeeps) {
 }
 
 // Named fault_x_operation, in letters, digits and underscores.
-INSTANTIATE_TEST_SUITE_P(FaultsAndOperations, StoreFailure, ::testing::ValuesIn(kCases), [](const auto& info) {
+INSTANTIATE_TEST_SUITE_P(FaultsAndOperations, StoreFailure, ::testing::ValuesIn(failureCases), [](const auto& info) {
     std::string name;
     for (const char c : std::string(info.param.fault.name) + " x " + info.param.operation)
         name += std::isalnum(static_cast<unsigned char>(c)) != 0 ? c : name.empty() || name.back() == '_' ? '\0' : '_';

@@ -2,7 +2,7 @@
 // real file from a pool of values built to collide, while another program adds button rows, holds
 // the write lock or drops a table, and the store is reopened. After every step the answer, the
 // notices scheduled, the log, the count, the list and the raw tables must be what the model says.
-// Every rule of the model must decide some step of every run (see `kRules`). One run has a fresh
+// Every rule of the model must decide some step of every run (see `modelRules`). One run has a fresh
 // seed (NDB_TEST_SEED replays it; the seed is printed on failure), three have fixed ones;
 // NDB_MODEL_STEPS sets their length, NDB_SHOW_RULES=1 prints how often each rule decided.
 
@@ -30,12 +30,12 @@ using Infos = std::vector<NotificationModelInfo>;
 
 // The stored forms, written here from the file's format: each enumeration case is stored as its
 // position in these lists.
-constexpr NotificationStatus kStatuses[] = {NotificationStatus::new_, NotificationStatus::shown,
+constexpr NotificationStatus storedStatuses[] = {NotificationStatus::new_, NotificationStatus::shown,
                                             NotificationStatus::read};
-constexpr NotificationKind kKinds[] = {NotificationKind::default_, NotificationKind::newApp,
+constexpr NotificationKind storedKinds[] = {NotificationKind::default_, NotificationKind::newApp,
                                        NotificationKind::appUpdate, NotificationKind::vantroUpdate,
                                        NotificationKind::ai};
-constexpr UserActionKind kActions[] = {UserActionKind::openCabinet,         UserActionKind::openApp,
+constexpr UserActionKind storedActions[] = {UserActionKind::openCabinet,         UserActionKind::openApp,
                                        UserActionKind::openCollection,      UserActionKind::openLink,
                                        UserActionKind::openBlogArticle,     UserActionKind::openVantro,
                                        UserActionKind::refreshInstalledApps};
@@ -44,13 +44,13 @@ std::int64_t position(const E (&cases)[N], E value) {
     return std::ranges::find(cases, value) - std::begin(cases);
 }
 std::int64_t raw(NotificationStatus value) {
-    return position(kStatuses, value);
+    return position(storedStatuses, value);
 }
 std::int64_t raw(NotificationKind value) {
-    return position(kKinds, value);
+    return position(storedKinds, value);
 }
 std::int64_t raw(UserActionKind value) {
-    return position(kActions, value);
+    return position(storedActions, value);
 }
 
 std::string dateText(Timestamp date) {
@@ -112,9 +112,9 @@ std::string idList(const NotificationIDs& ids) {
     return "[" + text + "]";
 }
 
-constexpr std::string_view kBusy = "SQLite error 5 (SQLITE_BUSY): database is locked";
-constexpr std::string_view kNoTable = "SQLite error 1 (SQLITE_ERROR): no such table: notification";
-constexpr std::string_view kNoButtonTable = "SQLite error 1 (SQLITE_ERROR): no such table: notificationButton";
+constexpr std::string_view busyError = "SQLite error 5 (SQLITE_BUSY): database is locked";
+constexpr std::string_view noTable = "SQLite error 1 (SQLITE_ERROR): no such table: notification";
+constexpr std::string_view noButtonTable = "SQLite error 1 (SQLITE_ERROR): no such table: notificationButton";
 
 struct Model {
     std::map<std::int64_t, NotificationModel> notifications;
@@ -126,7 +126,7 @@ struct Model {
     std::string dropped;  // the table another program dropped, if any
     std::vector<std::string> messages;
     int notices = 0;
-    std::map<std::string, int> covered;  // how often each rule of `kRules` decided a step
+    std::map<std::string, int> covered;  // how often each rule of `modelRules` decided a step
 
     void cover(const std::string& rule) { ++covered[rule]; }
 
@@ -134,10 +134,10 @@ struct Model {
     bool noButtons() const { return dropped == "notificationButton"; }
     // What the joined read and a write transaction fail with, if they fail.
     std::optional<std::string_view> readFailure() const {
-        return dropped.empty() ? std::nullopt : std::optional(noButtons() ? kNoButtonTable : kNoTable);
+        return dropped.empty() ? std::nullopt : std::optional(noButtons() ? noButtonTable : noTable);
     }
     std::optional<std::string_view> writeFailure() const {
-        return locked ? std::optional(kBusy) : noNotifications() ? std::optional(kNoTable) : std::nullopt;
+        return locked ? std::optional(busyError) : noNotifications() ? std::optional(noTable) : std::nullopt;
     }
     void log(const std::string& text, std::string_view error) { messages.push_back(text + std::string(error)); }
 
@@ -179,7 +179,7 @@ struct Model {
         const auto year = int(year_month_day(floor<days>(n.createdDate.sysTime())).year());
         if (year < 0 || year > 9999)
             return fail(R"(could not read column "createdDate" of "notification": date is outside years 0000 to 9999)");
-        if (noButtons() && info.actionButton) return fail(kNoButtonTable);
+        if (noButtons() && info.actionButton) return fail(noButtonTable);
         const std::int64_t id = n.id().value_or(notificationSequence + 1);
         notificationSequence = std::max(notificationSequence, id);
         notifications.insert_or_assign(
@@ -199,7 +199,7 @@ struct Model {
     // transaction that another program's lock fails. Without "notification" neither DELETE runs (a
     // button's delete checks its foreign key), without "notificationButton" the first runs alone: unlogged.
     void remove(const NotificationIDs& ids, const NotificationIDs& buttonIDs) {
-        if (locked) return log("Unable to reset notifications database: ", kBusy);
+        if (locked) return log("Unable to reset notifications database: ", busyError);
         if (noNotifications()) return;
         NotificationIDs deleted;
         for (auto id : ids) {
@@ -285,7 +285,7 @@ struct RecordingStore final : NotificationDatabaseProtocol {
 
 // The rules of the model that some step of every run must decide: each is a case where a store
 // that lost it would answer otherwise.
-const std::vector<std::string> kRules = {"save: skipped, its id is stored",
+const std::vector<std::string> modelRules = {"save: skipped, its id is stored",
                                          "save: skipped, its key is stored",
                                          "save: skipped, its key without customer",
                                          "save: skipped, no app matches a stored app",
@@ -315,11 +315,11 @@ protected:
         GetParam() != 0 ? GetParam() : testing::environmentNumber("NDB_TEST_SEED", long(std::random_device{}()));
     std::mt19937_64 random{seed};
     testing::TemporaryDirectory directory;
-    testing::LogCapture log;
-    testing::ScheduledNotices scheduled;
+    testing::TestServices services;
     // A short busy time-out keeps the steps under another program's lock quick.
     NotificationDatabaseConfig config{directory / "model.sqlite", Configuration{false, BusyMode::timeout(0.05), false}};
-    std::shared_ptr<RecordingStore> store = std::make_shared<RecordingStore>(NotificationDatabaseImpl::create(config));
+    std::shared_ptr<RecordingStore> store =
+        std::make_shared<RecordingStore>(NotificationDatabaseImpl::create(config, services.services()));
     Timestamp now = parseDateText("2026-11-01 12:00:00.000").value();
     NotificationUpdaterImpl updater{store, [this] { return now; }};
     Model model;
@@ -371,7 +371,7 @@ protected:
         Text customer = any(customers);
         std::string version = any(versions);
         ID app = pick<ID>({std::nullopt, 0, 7, -1});
-        NotificationKind kind = any(kKinds);
+        NotificationKind kind = any(storedKinds);
         ID id = someID();
         // Mostly the content key of a stored notification (one without customer half the time), as it
         // is or with one term changed.
@@ -379,9 +379,8 @@ protected:
         for (const auto& s : model.notifications | std::views::values) {
             if (s.notificationKind != NotificationKind::default_) keys[s.customerId().has_value()].push_back(&s);
         }
-        const bool withCustomer =
-            keys[0].empty() ||
-            steer({"save: skipped, its key without customer", "save: skipped, its key is stored"}) == 1;
+        const bool withCustomer = keys[0].empty() || steer({"save: skipped, its key without customer",
+                                                            "save: skipped, its key is stored"}) == 1;
         if (auto& from = keys[withCustomer && !keys[1].empty()]; !from.empty() && chance(0.75)) {
             const auto& s = *any(from);
             const auto change =
@@ -395,12 +394,12 @@ protected:
             id = chance(0.8) ? std::nullopt : id;
         }
         NotificationModel n(id, customer, someDate(), version, pick<std::string>({"unusedApps", "tag"}), any(texts),
-                            any(texts), any(texts), chance(0.5), app, any(kStatuses), kind);
+                            any(texts), any(texts), chance(0.5), app, any(storedStatuses), kind);
         if (chance(0.4)) return NotificationModelInfo(n);
         const ID button = model.buttons.empty() || chance(0.5) ? ID(1 + pick(6)) : any(model.buttons).first;
         return {n, NotificationButton(chance(0.5) ? std::nullopt : button, any(texts), any(texts), chance(0.5),
                                       pick<ID>({std::nullopt, 99}),
-                                      chance(0.3) ? std::nullopt : std::optional(any(kActions)),
+                                      chance(0.3) ? std::nullopt : std::optional(any(storedActions)),
                                       pick<std::optional<Bytes>>({std::nullopt, Bytes{}, Bytes{0x00, 0xFF, 0x7F}}))};
     }
     NotificationIDs someIDs() {
@@ -468,7 +467,7 @@ protected:
             }
             case 4: {
                 const auto ids = someIDs();
-                const auto status = any(kStatuses);
+                const auto status = any(storedStatuses);
                 chance(0.5) ? store->store->updateStatus(ids, status) : updater.updateStatus(ids, status);
                 if (const auto failure = model.writeFailure()) {
                     model.log("Unable to mark as read notification IDs: " + idList(ids) + ": ", *failure);
@@ -486,7 +485,7 @@ protected:
                 chance(0.5) ? store->store->updateButtonVisibility(ids, visible)
                             : updater.updateButtonVisibility(ids, visible);
                 if (model.locked) {
-                    model.log("Unable to change button visibility for notification IDs: " + idList(ids) + ": ", kBusy);
+                    model.log("Unable to change button visibility for notification IDs: " + idList(ids) + ": ", busyError);
                 } else if (!model.noButtons()) {
                     for (auto& [id, b] : model.buttons) {
                         if (b.notificationId && ids.contains(*b.notificationId)) b.visible = visible;
@@ -513,7 +512,7 @@ protected:
                 return "delete " + std::to_string(set.size());
             }
             case 7: {
-                const auto kind = any(kKinds);
+                const auto kind = any(storedKinds);
                 store->store->deleteAllNotifications(kind);
                 const auto what = "delete all notification with kind " + stored(kind);
                 if (const auto failure = model.locked ? model.writeFailure() : model.readFailure())
@@ -528,7 +527,7 @@ protected:
             case 8:
                 if (model.dropped.empty() && !chance(0.3)) return "nothing";
                 store->store->deleteAll();
-                if (model.locked) return model.log("Unable to reset notification database: ", kBusy), "deleteAll";
+                if (model.locked) return model.log("Unable to reset notification database: ", busyError), "deleteAll";
                 if (model.noNotifications()) return "deleteAll";
                 if (!model.notifications.empty()) ++model.notices;
                 model.notifications.clear();
@@ -556,7 +555,7 @@ protected:
                                                          "containsNotification: false beside another customer's row",
                                                          "containsNotification: false beside another app's row",
                                                          "containsNotification: false beside another version's row"});
-                    const auto kind = n && change != 1 ? n->notificationKind : any(kKinds);
+                    const auto kind = n && change != 1 ? n->notificationKind : any(storedKinds);
                     const auto customer = (n && change != 2 ? n->customerId() : any(customers)).value_or("c1");
                     const auto app = n && change != 3 ? (chance(0.3) ? ID() : n->appId) : pick<ID>({{}, 0, 7});
                     const auto version = n && change != 4 ? (chance(0.3) ? Text() : n->version) : any(versions);
@@ -608,7 +607,7 @@ protected:
 
     std::string reopen() {
         store->store.reset();
-        store->store = NotificationDatabaseImpl::create(config);
+        store->store = NotificationDatabaseImpl::create(config, services.services());
         if (model.locked) model.cover("reopen while another program holds the write lock");
         return model.locked ? "reopen under another program's lock" : "reopen";
     }
@@ -640,15 +639,15 @@ protected:
     // Compares everything observable after a step that began at `began`.
     void verify(MainQueue::Clock::time_point began) {
         const auto ended = MainQueue::Clock::now();
-        const auto deadlines = scheduled.take();
+        const auto deadlines = services.takeDeadlines();
         EXPECT_EQ(int(deadlines.size()), std::exchange(model.notices, 0)) << "notices scheduled";
         for (const auto deadline : deadlines)
             EXPECT_TRUE(deadline >= began + 1s && deadline <= ended + 1s) << "a notice not due 1.0 s after its commit";
         // The count reads the table "notification" alone; without it, it logs and gives 0.
         EXPECT_EQ(store->store->notificationsCount(), model.noNotifications() ? 0 : std::ssize(model.notifications));
-        if (model.noNotifications()) model.log("Unable to fetch notifications count: ", kNoTable);
+        if (model.noNotifications()) model.log("Unable to fetch notifications count: ", noTable);
         std::vector<std::string> messages;
-        for (const auto& entry : log.take()) {
+        for (const auto& entry : services.takeLog()) {
             EXPECT_TRUE(entry.level == LogLevel::error && entry.loggerPath == "root.notifications-database");
             messages.push_back(entry.message);
         }
@@ -666,7 +665,7 @@ protected:
         EXPECT_EQ(sequence("notification"), std::to_string(model.notificationSequence));
         EXPECT_EQ(sequence("notificationButton"), std::to_string(model.buttonSequence));
         expectList(store->store->fetchNotifications(std::nullopt), model.list());
-        EXPECT_TRUE(log.take().empty()) << "a read after the step logged";
+        EXPECT_TRUE(services.takeLog().empty()) << "a read after the step logged";
     }
 };
 
@@ -680,9 +679,9 @@ TEST_P(StoreModel, RandomOperationsMatchTheModel) {
         verify(began);
     }
     // A shorter run than the default need not come upon every rule.
-    for (const auto& rule : kRules) EXPECT_TRUE(steps < 600 || HasFailure() || model.covered[rule] > 0) << rule;
+    for (const auto& rule : modelRules) EXPECT_TRUE(steps < 600 || HasFailure() || model.covered[rule] > 0) << rule;
     if (std::getenv("NDB_SHOW_RULES"))
-        for (const auto& rule : kRules) std::printf("RULE %d %s\n", model.covered[rule], rule.c_str());
+        for (const auto& rule : modelRules) std::printf("RULE %d %s\n", model.covered[rule], rule.c_str());
     if (HasFailure())
         ADD_FAILURE() << "replay with NDB_TEST_SEED=" << seed
                       << "; the last steps: " << ::testing::PrintToString(lastSteps);

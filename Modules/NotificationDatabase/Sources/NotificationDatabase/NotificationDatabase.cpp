@@ -1,25 +1,17 @@
 #include "NotificationDatabase/NotificationDatabase.hpp"
 
+#include "NotificationDatabase/ChangeNotices.hpp"
+#include "NotificationDatabase/Database/DatabaseError.hpp"
 #include "NotificationDatabase/Database/DatabasePool.hpp"
-#include "NotificationDatabase/Database/JoinedRow.hpp"
-#include "NotificationDatabase/Database/RecordPersistence.hpp"
-#include "NotificationDatabase/DatabaseError.hpp"
+#include "NotificationDatabase/JoinedRow.hpp"
 #include "NotificationDatabase/NotificationDatabaseConfigurator.hpp"
-#include "NotificationDatabase/Platform/DistributedNotificationCenter.hpp"
 #include "NotificationDatabase/Platform/LogSanitizer.hpp"
-#include "NotificationDatabase/Platform/MainQueue.hpp"
-#include "NotificationDatabase/Platform/ProcessWide.hpp"
+#include "NotificationDatabase/RecordCoding/RowCoding.hpp"
 
 #include <algorithm>
-#include <array>
 #include <charconv>
-#include <chrono>
 #include <cstdint>
-#include <initializer_list>
-#include <limits>
 #include <memory>
-#include <mutex>
-#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -28,96 +20,18 @@ namespace notificationdb {
 
 namespace {
 
-constexpr auto kNoticeDelay = std::chrono::seconds(1);
-
-// The joined read of a notification with its button; the button's columns form the scope
-// "notificationButton" of each row.
-constexpr std::string_view kJoinedSelect =
-    "SELECT \"notification\".*, \"notificationButton\".* FROM \"notification\" "
-    "LEFT JOIN \"notificationButton\" ON \"notificationButton\".\"notificationId\" = \"notification\".\"id\"";
-constexpr std::string_view kNewestFirst = " ORDER BY \"notification\".\"createdDate\" DESC";
-
-// Keyed statements are function statics: made on first use, also when a store is made during
-// another file's static initialisation.
-const StatementKey& fetchAllStatement() {
-    static const StatementKey key(std::string(kJoinedSelect) + std::string(kNewestFirst));
-    return key;
-}
-
-const StatementKey& fetchByKindStatement() {
-    static const StatementKey key(std::string(kJoinedSelect) + " WHERE \"notification\".\"notificationKind\" = ?");
-    return key;
-}
-
-// A statement that names a set of ids, `before` + "(ids)" + `after`. Up to 128 ids are bound as
-// parameters of their own, numbered from `firstIndex`, in statements prepared for 1 to 8 ids and
-// for every eighth count up to 128 (a smaller set repeats its last id to fill one). An empty or
-// larger set is bound as one JSON array parameter, so that no count exceeds SQLite's limit on
-// parameters and an empty set still runs the statement.
-class IDSetStatement {
-public:
-    static constexpr std::size_t maximumBound = 128;
-
-    IDSetStatement(std::string_view before, std::string_view after, int firstIndex) : firstIndex_(firstIndex) {
-        for (std::size_t variant = 0; variant < variants_.size(); ++variant) {
-            std::string sql(before);
-            sql += '(';
-            if (variant == 0) {
-                sql += "SELECT value FROM json_each(?" + std::to_string(firstIndex) + ")";
-            } else {
-                for (std::size_t i = 0; i < slotCount(variant); ++i) {
-                    if (i > 0) sql += ", ";
-                    sql += '?' + std::to_string(firstIndex + static_cast<int>(i));
-                }
-            }
-            sql += ')';
-            sql += after;
-            variants_[variant] = std::make_unique<StatementKey>(std::move(sql));
-        }
+// A set of ids as one parameter: a JSON array that `json_each` turns back into rows, so that
+// every set, the empty one included, runs the same statement.
+template <class IDs>
+std::string jsonArray(const IDs& ids) {
+    std::string text = "[";
+    char digits[24];
+    for (const std::int64_t id : ids) {
+        if (text.size() > 1) text += ',';
+        text.append(digits, std::to_chars(digits, digits + sizeof digits, id).ptr);
     }
-
-    // The statement for `ids` (`count` of them, in any order) with the ids bound.
-    template <class IDs>
-    CachedStatement bound(Connection& connection, const IDs& ids, std::size_t count) const {
-        const std::size_t variant = count == 0 || count > maximumBound ? 0 : count <= 8 ? count : 7 + (count + 7) / 8;
-        auto statement = connection.cachedStatement(*variants_[variant]);
-        if (variant == 0) {
-            statement->bind(firstIndex_, jsonArray(ids));
-            return statement;
-        }
-        int index = firstIndex_;
-        std::int64_t last = 0;
-        for (const std::int64_t id : ids) {
-            statement->bind(index++, id);
-            last = id;
-        }
-        for (std::size_t i = count; i < slotCount(variant); ++i) statement->bind(index++, last);
-        return statement;
-    }
-
-private:
-    static std::size_t slotCount(std::size_t variant) noexcept { return variant <= 8 ? variant : 8 * (variant - 7); }
-
-    template <class IDs>
-    static std::string jsonArray(const IDs& ids) {
-        std::string text = "[";
-        char digits[24];
-        for (const std::int64_t id : ids) {
-            if (text.size() > 1) text += ',';
-            text.append(digits, std::to_chars(digits, digits + sizeof digits, id).ptr);
-        }
-        text += ']';
-        return text;
-    }
-
-    int firstIndex_;
-    std::array<std::unique_ptr<StatementKey>, 24> variants_;
-};
-
-const IDSetStatement& fetchByIDsStatement() {
-    static const IDSetStatement statement(std::string(kJoinedSelect) + " WHERE \"notification\".\"id\" IN ",
-                                          kNewestFirst, 1);
-    return statement;
+    text += ']';
+    return text;
 }
 
 // Runs one statement whose failure the operation drops without a message. A failure that
@@ -134,118 +48,31 @@ bool runDroppingFailure(Connection& connection, Statement&& statement) {
     }
 }
 
-const IDSetStatement& deleteNotificationsStatement() {
-    static const IDSetStatement statement("DELETE FROM \"notification\" WHERE \"id\" IN ", "", 1);
-    return statement;
-}
-
-const IDSetStatement& deleteButtonsStatement() {
-    static const IDSetStatement statement("DELETE FROM \"notificationButton\" WHERE \"id\" IN ", "", 1);
-    return statement;
-}
-
-void deleteByIDs(Connection& connection, const IDSetStatement& statement, const std::vector<std::int64_t>& ids) {
-    if (ids.empty()) return;
-    statement.bound(connection, ids, ids.size())->execute();
-}
-
 // Deletes the notifications and the buttons that `infos` name, each DELETE's failure dropped.
 template <class Infos>
 void deleteNamed(Connection& connection, const Infos& infos) {
-    // Repeated ids would do no harm in the IN lists; a set of pairs names each notification once.
+    // Repeated ids would do no harm; a set of pairs names each notification once.
     std::vector<std::int64_t> notificationIDs;
     std::vector<std::int64_t> buttonIDs;
-    notificationIDs.reserve(infos.size());
-    buttonIDs.reserve(infos.size());
     for (const NotificationModelInfo& info : infos) {
         if (const auto& id = info.notification.id()) notificationIDs.push_back(*id);
         if (info.actionButton && info.actionButton->id()) buttonIDs.push_back(*info.actionButton->id());
     }
-    // SQLite gathers an IN list into a b-tree first, which takes ids in order at less cost.
+    // SQLite gathers the ids into a b-tree first, which takes them in order at less cost.
     std::sort(notificationIDs.begin(), notificationIDs.end());
     std::sort(buttonIDs.begin(), buttonIDs.end());
-    runDroppingFailure(connection, [&] { deleteByIDs(connection, deleteNotificationsStatement(), notificationIDs); });
-    runDroppingFailure(connection, [&] { deleteByIDs(connection, deleteButtonsStatement(), buttonIDs); });
-}
-
-// The change notices of this process that are scheduled and not yet posted, numbered in commit
-// order. A notice goes out when its job comes due or when `postPendingNotices()` runs, whichever
-// is first, and only then.
-class NoticeLedger {
-public:
-    // One for the process; a job may come due during static destruction.
-    static NoticeLedger& shared() {
-        return detail::neverDestroyed([] { return NoticeLedger(); });
-    }
-
-    // Called after each committed change; returns the notice's number.
-    std::uint64_t add() {
-        std::lock_guard lock(mutex_);
-        pending_.insert(++last_);
-        return last_;
-    }
-    // For a notice whose job could not be scheduled.
-    void remove(std::uint64_t number) {
-        std::lock_guard lock(mutex_);
-        pending_.erase(number);
-    }
-    // Posts every pending notice up to `number`, so that notices keep commit order even when
-    // their jobs run out of order.
-    void postThrough(std::uint64_t number) {
-        // Held while posting, so that a caller returns only once its notices are out.
-        std::lock_guard lock(mutex_);
-        while (!pending_.empty() && *pending_.begin() <= number) {
-            pending_.erase(pending_.begin());
-            DistributedNotificationCenter::defaultCenter()->post(databaseUpdated());
-        }
-    }
-    void postAll() { postThrough(std::numeric_limits<std::uint64_t>::max()); }
-
-private:
-    std::mutex mutex_;
-    std::set<std::uint64_t> pending_;
-    std::uint64_t last_ = 0;
-};
-
-// Every row of a joined read, each pair built in place in the list. The list starts with the
-// room that the statement's previous run needed, and gives back what a much shorter run left.
-std::vector<NotificationModelInfo> readJoined(Statement& statement) {
-    std::vector<NotificationModelInfo> result;
-    result.reserve(statement.previousRowCount());
-    if (statement.step()) {
-        const JoinedRow row(statement.row());
-        do {
-            result.emplace_back(row);
-        } while (statement.step());
-    }
-    if (result.size() < result.capacity() / 2) result.shrink_to_fit();
-    return result;
-}
-
-// SELECT * FROM "notification" WHERE <the non-empty terms, joined with AND> LIMIT 1
-std::string findOneSQL(std::initializer_list<std::string_view> terms) {
-    std::string sql = R"(SELECT * FROM "notification" WHERE )";
-    bool first = true;
-    for (const std::string_view term : terms) {
-        if (term.empty()) continue;
-        if (!first) sql += " AND ";
-        sql += term;
-        first = false;
-    }
-    sql += " LIMIT 1";
-    return sql;
-}
-
-// The four forms of a query with two optional parts, keyed once: `forms[first][second]`.
-using FourForms = std::array<std::array<std::unique_ptr<StatementKey>, 2>, 2>;
-template <class Build>
-FourForms fourForms(Build build) {
-    FourForms forms;
-    for (const bool first : {false, true}) {
-        for (const bool second : {false, true})
-            forms[first][second] = std::make_unique<StatementKey>(build(first, second));
-    }
-    return forms;
+    const auto deleteByID = [&connection](std::string_view sql, const std::vector<std::int64_t>& ids) {
+        if (ids.empty()) return;
+        auto statement = connection.cachedStatement(sql);
+        statement->bind(1, jsonArray(ids));
+        statement->execute();
+    };
+    runDroppingFailure(connection, [&] {
+        deleteByID(R"(DELETE FROM "notification" WHERE "id" IN (SELECT value FROM json_each(?)))", notificationIDs);
+    });
+    runDroppingFailure(connection, [&] {
+        deleteByID(R"(DELETE FROM "notificationButton" WHERE "id" IN (SELECT value FROM json_each(?)))", buttonIDs);
+    });
 }
 
 // Whether the query finds a row, which must also read as a notification.
@@ -255,23 +82,52 @@ bool findsNotification(Statement& statement) {
     return true;
 }
 
+// Whether a notification with the content key of `notification` is stored: the same customer
+// (none, when it has none), kind and version, and the same app when it names one. A `default_`
+// notification is never a duplicate.
+bool contentDuplicate(const NotificationModel& notification, Connection& connection) {
+    if (notification.notificationKind == NotificationKind::default_) return false;
+    auto statement = connection.cachedStatement(
+        R"(SELECT * FROM "notification" WHERE "customerId" IS ?1 AND "notificationKind" = ?2 AND "version" = ?3)"
+        R"( AND (?4 IS NULL OR "appId" = ?4) LIMIT 1)");
+    statement->bind(1, notification.customerId());
+    statement->bind(2, rawValue(notification.notificationKind));
+    statement->bindNoCopy(3, notification.version);
+    statement->bind(4, notification.appId);
+    return findsNotification(*statement);
+}
+
+// Text of a set of ids as it appears in messages: "[1, 2]", "[]".
+std::string describe(const NotificationIDs& ids) {
+    std::string text = "[";
+    for (const std::int64_t id : ids) {
+        if (text.size() > 1) text += ", ";
+        text += std::to_string(id);
+    }
+    text += ']';
+    return text;
+}
+
 }  // namespace
 
-std::shared_ptr<NotificationDatabaseImpl> NotificationDatabaseImpl::create(const NotificationDatabaseConfig& config) {
-    std::shared_ptr<NotificationDatabaseImpl> store(new NotificationDatabaseImpl(config));
+std::shared_ptr<NotificationDatabaseImpl> NotificationDatabaseImpl::create(const NotificationDatabaseConfig& config,
+                                                                           NotificationDatabaseServices services) {
+    std::shared_ptr<NotificationDatabaseImpl> store(new NotificationDatabaseImpl(config, std::move(services)));
     store->setupDatabaseObserver();
     return store;
 }
 
-NotificationDatabaseImpl::NotificationDatabaseImpl(const NotificationDatabaseConfig& config)
-    : logger_(Logger::module()->subLogger("notifications-database", {}, true)),
+NotificationDatabaseImpl::NotificationDatabaseImpl(const NotificationDatabaseConfig& config,
+                                                   NotificationDatabaseServices services)
+    : services_(std::move(services)),
+      logger_((services_.logger ? services_.logger : Logger::module())->subLogger("notifications-database", {}, true)),
       configurator_(std::make_unique<NotificationDatabaseConfigurator>(config)),
       database_(std::make_unique<DatabasePool>(config.storageURL(), config.configuration())) {
     configurator_->configure(*database_);
 }
 
 void NotificationDatabaseImpl::postPendingNotices() {
-    NoticeLedger::shared().postAll();
+    ChangeNotices::postAll();
 }
 
 NotificationDatabaseImpl::~NotificationDatabaseImpl() {
@@ -283,17 +139,9 @@ void NotificationDatabaseImpl::setupDatabaseObserver() {
     std::weak_ptr<NotificationDatabaseImpl> weakSelf = weak_from_this();
     databaseCancellable_ = database_->observe(
         {std::string(NotificationModel::databaseTableName)},
-        // Holds nothing: a post scheduled before the store goes away is still made.
-        [] {
-            auto& ledger = NoticeLedger::shared();
-            const std::uint64_t notice = ledger.add();
-            try {
-                MainQueue::main().asyncAfter(kNoticeDelay, [notice] { NoticeLedger::shared().postThrough(notice); });
-            } catch (...) {
-                ledger.remove(notice);
-                throw;
-            }
-        },
+        // Holds the services alone, not the store: a post scheduled before the store goes away is
+        // still made.
+        [mainQueue = services_.mainQueue, center = services_.noticeCenter] { ChangeNotices::schedule(mainQueue, center); },
         [weakSelf](const std::exception& error) {
             if (auto self = weakSelf.lock()) self->logFailure("Database observation error: ", error);
         });
@@ -310,8 +158,7 @@ void NotificationDatabaseImpl::logFailure(std::string_view text, const std::exce
 std::int64_t NotificationDatabaseImpl::notificationsCount() {
     try {
         return database_->read([](Connection& connection) {
-            static const StatementKey count("SELECT COUNT(*) FROM \"notification\"");
-            auto statement = connection.cachedStatement(count);
+            auto statement = connection.cachedStatement(R"(SELECT COUNT(*) FROM "notification")");
             statement->step();
             return statement->row().int64(0);
         });
@@ -321,29 +168,12 @@ std::int64_t NotificationDatabaseImpl::notificationsCount() {
     }
 }
 
-bool NotificationDatabaseImpl::contentDuplicate(const NotificationModel& notification, Connection& database) {
-    if (notification.notificationKind == NotificationKind::default_) return false;
-    const bool hasCustomer = notification.customerId().has_value();
-    const bool hasApp = notification.appId.has_value();
-    static const auto queries = fourForms([](bool customer, bool app) {
-        return findOneSQL({customer ? R"("customerId" = ?1)" : R"("customerId" IS NULL)", R"("notificationKind" = ?2)",
-                           R"("version" = ?3)", app ? R"("appId" = ?4)" : ""});
-    });
-    auto statement = database.cachedStatement(*queries[hasCustomer][hasApp]);
-    if (hasCustomer) statement->bind(1, *notification.customerId());
-    statement->bind(2, rawValue(notification.notificationKind));
-    statement->bind(3, notification.version);
-    if (hasApp) statement->bind(4, *notification.appId);
-    return findsNotification(*statement);
-}
-
 void NotificationDatabaseImpl::save(const NotificationModelInfo& notificationInfo) {
     try {
         database_->write([&notificationInfo](Connection& connection) {
             const NotificationModel& notification = notificationInfo.notification;
             if (const auto& id = notification.id()) {
-                static const StatementKey stored("SELECT 1 FROM \"notification\" WHERE \"id\" = ?");
-                auto exists = connection.cachedStatement(stored);
+                auto exists = connection.cachedStatement(R"(SELECT 1 FROM "notification" WHERE "id" = ?)");
                 exists->bind(1, *id);
                 if (exists->step()) return;
             }
@@ -362,10 +192,15 @@ void NotificationDatabaseImpl::save(const NotificationModelInfo& notificationInf
 
 std::vector<NotificationModelInfo> NotificationDatabaseImpl::fetchNotifications(
     const std::optional<NotificationIDs>& ids) {
+    static const std::string all = std::string(joinedSelect) + R"( ORDER BY "notification"."createdDate" DESC)";
+    static const std::string some = std::string(joinedSelect) +
+                                    R"( WHERE "notification"."id" IN (SELECT value FROM json_each(?)))"
+                                    R"( ORDER BY "notification"."createdDate" DESC)";
     try {
         return database_->read([&ids](Connection& connection) {
-            if (!ids) return readJoined(*connection.cachedStatement(fetchAllStatement()));
-            return readJoined(*fetchByIDsStatement().bound(connection, *ids, ids->size()));
+            auto statement = connection.cachedStatement(ids ? some : all);
+            if (ids) statement->bind(1, jsonArray(*ids));
+            return readJoined(*statement);
         });
     } catch (const std::exception& error) {
         logFailure("Unable to read wrapped notifications: ", error);
@@ -376,9 +211,8 @@ std::vector<NotificationModelInfo> NotificationDatabaseImpl::fetchNotifications(
 bool NotificationDatabaseImpl::containsVantro(const std::string& version) {
     try {
         return database_->read([&version](Connection& connection) {
-            static const StatementKey query(findOneSQL({R"("version" = ?)"}));
-            auto statement = connection.cachedStatement(query);
-            statement->bind(1, version);
+            auto statement = connection.cachedStatement(R"(SELECT * FROM "notification" WHERE "version" = ? LIMIT 1)");
+            statement->bindNoCopy(1, version);
             return findsNotification(*statement);
         });
     } catch (const std::exception&) {
@@ -392,15 +226,13 @@ bool NotificationDatabaseImpl::containsNotification(NotificationKind type, const
                                                     const std::optional<std::string>& version) {
     try {
         return database_->read([&](Connection& connection) {
-            static const auto queries = fourForms([](bool app, bool withVersion) {
-                return findOneSQL({R"("customerId" = ?1)", R"("notificationKind" = ?2)", app ? R"("appId" = ?3)" : "",
-                                   withVersion ? R"("version" = ?4)" : ""});
-            });
-            auto statement = connection.cachedStatement(*queries[appID.has_value()][version.has_value()]);
-            statement->bind(1, customer);
+            auto statement = connection.cachedStatement(
+                R"(SELECT * FROM "notification" WHERE "customerId" = ?1 AND "notificationKind" = ?2)"
+                R"( AND (?3 IS NULL OR "appId" = ?3) AND (?4 IS NULL OR "version" = ?4) LIMIT 1)");
+            statement->bindNoCopy(1, customer);
             statement->bind(2, rawValue(type));
-            if (appID) statement->bind(3, *appID);
-            if (version) statement->bind(4, *version);
+            statement->bind(3, appID);
+            statement->bind(4, version);
             return findsNotification(*statement);
         });
     } catch (const std::exception&) {
@@ -411,9 +243,10 @@ bool NotificationDatabaseImpl::containsNotification(NotificationKind type, const
 void NotificationDatabaseImpl::updateStatus(const NotificationIDs& notificationIDs, NotificationStatus status) {
     try {
         database_->write([&](Connection& connection) {
-            static const IDSetStatement update("UPDATE \"notification\" SET \"status\" = ?1 WHERE \"id\" IN ", "", 2);
-            auto statement = update.bound(connection, notificationIDs, notificationIDs.size());
+            auto statement = connection.cachedStatement(
+                R"(UPDATE "notification" SET "status" = ?1 WHERE "id" IN (SELECT value FROM json_each(?2)))");
             statement->bind(1, rawValue(status));
+            statement->bind(2, jsonArray(notificationIDs));
             statement->execute();
         });
     } catch (const std::exception& error) {
@@ -424,15 +257,14 @@ void NotificationDatabaseImpl::updateStatus(const NotificationIDs& notificationI
 void NotificationDatabaseImpl::updateButtonVisibility(const NotificationIDs& notificationIDs, bool isVisible) {
     try {
         database_->write([&](Connection& connection) {
-            static const StatementKey update(
-                "UPDATE \"notificationButton\" SET \"visible\" = ? WHERE \"notificationId\" = ?");
             // Taken on the first id, so that an empty set prepares nothing and a failure to
             // prepare ends the loop like any failing update.
             std::optional<CachedStatement> statement;
             for (const std::int64_t id : notificationIDs) {
                 const bool updated = runDroppingFailure(connection, [&] {
                     if (!statement) {
-                        statement.emplace(connection.cachedStatement(update));
+                        statement.emplace(connection.cachedStatement(
+                            R"(UPDATE "notificationButton" SET "visible" = ? WHERE "notificationId" = ?)"));
                         (*statement)->bind(1, std::int64_t{isVisible ? 1 : 0});
                     }
                     (*statement)->bind(2, id);
@@ -460,10 +292,10 @@ void NotificationDatabaseImpl::deleteNotifications(const NotificationModelInfoSe
 void NotificationDatabaseImpl::deleteAll() {
     try {
         database_->write([](Connection& connection) {
-            static const StatementKey deleteNotifications("DELETE FROM \"notification\"");
-            static const StatementKey deleteButtons("DELETE FROM \"notificationButton\"");
-            runDroppingFailure(connection, [&] { connection.cachedStatement(deleteNotifications)->execute(); });
-            runDroppingFailure(connection, [&] { connection.cachedStatement(deleteButtons)->execute(); });
+            runDroppingFailure(connection,
+                               [&] { connection.cachedStatement(R"(DELETE FROM "notification")")->execute(); });
+            runDroppingFailure(connection,
+                               [&] { connection.cachedStatement(R"(DELETE FROM "notificationButton")")->execute(); });
         });
     } catch (const std::exception& error) {
         logFailure("Unable to reset notification database: ", error);
@@ -471,11 +303,12 @@ void NotificationDatabaseImpl::deleteAll() {
 }
 
 void NotificationDatabaseImpl::deleteAllNotifications(NotificationKind kind) {
+    static const std::string ofKind = std::string(joinedSelect) + R"( WHERE "notification"."notificationKind" = ?)";
     try {
         database_->write([kind](Connection& connection) {
             std::vector<NotificationModelInfo> rows;
             {
-                auto statement = connection.cachedStatement(fetchByKindStatement());
+                auto statement = connection.cachedStatement(ofKind);
                 statement->bind(1, rawValue(kind));
                 rows = readJoined(*statement);
             }

@@ -4,7 +4,9 @@
 #include <NotificationDatabase/Extensions/NotificationName.hpp>
 #include <NotificationDatabase/NotificationDatabaseConfig.hpp>
 #include <NotificationDatabase/NotificationDatabaseProtocols.hpp>
+#include <NotificationDatabase/Platform/DistributedNotificationCenter.hpp>
 #include <NotificationDatabase/Platform/Logger.hpp>
+#include <NotificationDatabase/Platform/MainQueue.hpp>
 
 #include <memory>
 #include <optional>
@@ -14,21 +16,33 @@
 
 namespace notificationdb {
 
-class Connection;
 class DatabaseObservation;
 class DatabasePool;
 class NotificationDatabaseConfigurator;
 
+// The services a store uses; each one left empty is the process-wide one.
+struct NotificationDatabaseServices {
+    // The parent of the store's logger "notifications-database"; `Logger::module()` when empty.
+    std::shared_ptr<Logger> logger;
+    // Runs a job on the host's main queue not before its deadline: where the change notices are
+    // posted from. `MainQueue::main()` when empty.
+    MainQueue::Scheduler mainQueue;
+    // Where the change notices go; `DistributedNotificationCenter::defaultCenter()` of the moment
+    // of each post when empty.
+    std::shared_ptr<DistributedNotificationCenter> noticeCenter;
+};
+
 // The notification store over one SQLite file. Every operation runs on the caller's thread;
 // writes of one store are serialised, reads run alongside them. After each committed change of
-// the table "notification" the store schedules, 1.0 s later on `MainQueue::main()`, one post of
-// `databaseUpdated()` through `DistributedNotificationCenter::defaultCenter()`.
+// the table "notification" the store schedules, 1.0 s later on the main queue, one post of
+// `databaseUpdated()` through the notice center.
 class NOTIFICATIONDB_API NotificationDatabaseImpl final : public NotificationDatabaseProtocol,
                                        public std::enable_shared_from_this<NotificationDatabaseImpl> {
 public:
-    // Opens the pool on `config`, creates missing tables and starts observing. Throws
-    // `DatabaseError` when the file cannot be opened or set up; nothing is logged then.
-    static std::shared_ptr<NotificationDatabaseImpl> create(const NotificationDatabaseConfig& config);
+    // Opens the pool on `config`, creates missing tables and starts observing, with `services`.
+    // Throws `DatabaseError` when the file cannot be opened or set up; nothing is logged then.
+    static std::shared_ptr<NotificationDatabaseImpl> create(const NotificationDatabaseConfig& config,
+                                                            NotificationDatabaseServices services = {});
 
     // Posts at once, in commit order, every change notice that stores of this process have
     // scheduled and not yet posted; their scheduled jobs then post nothing. For a process about
@@ -53,12 +67,13 @@ public:
 
 private:
     // Only `create` builds a store, so that every store observes its writes.
-    NOTIFICATIONDB_HIDDEN explicit NotificationDatabaseImpl(const NotificationDatabaseConfig& config);
+    NOTIFICATIONDB_HIDDEN NotificationDatabaseImpl(const NotificationDatabaseConfig& config,
+                                                   NotificationDatabaseServices services);
 
     NOTIFICATIONDB_HIDDEN void setupDatabaseObserver();
-    NOTIFICATIONDB_HIDDEN static bool contentDuplicate(const NotificationModel& notification, Connection& database);
     NOTIFICATIONDB_HIDDEN void logFailure(std::string_view text, const std::exception& error) const noexcept;
 
+    NotificationDatabaseServices services_;
     std::shared_ptr<Logger> logger_;
     std::unique_ptr<NotificationDatabaseConfigurator> configurator_;
     std::unique_ptr<DatabasePool> database_;

@@ -10,7 +10,7 @@ namespace notificationdb {
 
 namespace {
 
-constexpr std::string_view kDatabaseFileName = "NotificationDatabase.sqlite";
+constexpr std::string_view databaseFileName = "NotificationDatabase.sqlite";
 
 }  // namespace
 
@@ -23,7 +23,7 @@ const NotificationDatabaseConfig& NotificationDatabaseConfig::default_() {
     static const NotificationDatabaseConfig config = [] {
         Configuration configuration;
         configuration.busyMode = BusyMode::timeout(busyTimeoutSeconds);
-        return NotificationDatabaseConfig(createDatabaseURl(kDatabaseFileName), std::move(configuration));
+        return NotificationDatabaseConfig(createDatabaseURl(databaseFileName), std::move(configuration));
     }();
     return config;
 }
@@ -34,7 +34,7 @@ const NotificationDatabaseConfig& NotificationDatabaseConfig::readOnly() {
         configuration.readOnly = true;
         configuration.busyMode = BusyMode::timeout(busyTimeoutSeconds);
         configuration.persistentReadOnlyConnections = true;
-        return NotificationDatabaseConfig(createDatabaseURl(kDatabaseFileName), std::move(configuration));
+        return NotificationDatabaseConfig(createDatabaseURl(databaseFileName), std::move(configuration));
     }();
     return config;
 }

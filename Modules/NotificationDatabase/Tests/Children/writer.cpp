@@ -44,15 +44,16 @@ int main(int argc, char** argv) {
     const std::string mode = argc > 3 ? argv[1] : "";
     const NotificationDatabaseConfig config(
         argv[2], Configuration{false, BusyMode::timeout(NotificationDatabaseConfig::busyTimeoutSeconds), false});
+    // The store's failures go to `failures`; its notices are dropped.
     auto failures = std::make_shared<Failures>();
-    Logger::module()->setDestinations({failures});
+    const NotificationDatabaseServices services{
+        std::make_shared<Logger>("root", nullptr, Logger::Destinations{failures}, false), [](auto, auto) {}, nullptr};
     std::shared_ptr<NotificationDatabaseImpl> store;
     if (mode == "saves") {
         const std::string writer = argv[3];
         std::cout << "ready" << std::endl;
         while (!std::filesystem::exists(argv[5])) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        store = NotificationDatabaseImpl::create(config);  // as all the others create the file
-        testing::ScheduledNotices notices;
+        store = NotificationDatabaseImpl::create(config, services);  // as all the others create the file
         for (int j = 0; j < std::atoi(argv[4]); ++j) {
             const std::string title = "w" + writer + "-" + std::to_string(j);
             failures->logged.clear();
@@ -60,8 +61,7 @@ int main(int argc, char** argv) {
             if (!failures->logged.empty()) std::cout << "failed " << title << ' ' << failures->logged << '\n';
         }
     } else if (mode == "crash") {
-        store = NotificationDatabaseImpl::create(config);
-        testing::ScheduledNotices notices;
+        store = NotificationDatabaseImpl::create(config, services);
         NotificationUpdaterImpl updater(store);
         std::cout << "ready" << std::endl;
         for (int j = 1;; ++j) {

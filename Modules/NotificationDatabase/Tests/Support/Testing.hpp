@@ -1,7 +1,7 @@
 #pragma once
 
-// What the tests share: scratch directories, log capture, counted notices, a plain sqlite3
-// connection as another program would open the file, and child processes. Free of GoogleTest,
+// What the tests share: scratch directories, the services of a store under test, log capture, a
+// plain sqlite3 connection as another program would open the file, and child processes. Free of GoogleTest,
 // so that the child programs can use it too.
 
 #include <NotificationDatabase/NotificationDatabase.hpp>
@@ -9,7 +9,9 @@
 
 #include <sqlite3.h>
 
+#include <atomic>
 #include <filesystem>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
@@ -41,7 +43,8 @@ private:
     std::string path_;
 };
 
-// Sends everything logged through `Logger::module()` to memory while it lives.
+// Sends everything logged through `Logger::module()` (by the platform services and the
+// configuration) to memory while it lives.
 class LogCapture {
 public:
     LogCapture() : previous_(Logger::module()->destinations()) { Logger::module()->setDestinations({sink_}); }
@@ -58,26 +61,52 @@ private:
     Logger::Destinations previous_;
 };
 
-// Takes the jobs scheduled on `MainQueue::main()` while it lives and keeps their deadlines,
-// without running them: the change notices that stores schedule are counted, not posted.
-class ScheduledNotices {
+// The services a store under test is handed: a root logger "root" that keeps its messages, a
+// main queue that keeps the deadlines of the jobs scheduled on it and runs none, and a notice
+// center that counts its posts.
+class TestServices {
 public:
-    ScheduledNotices() {
-        MainQueue::main().setScheduler([this](MainQueue::Clock::time_point deadline, const MainQueue::Job&) {
-            std::lock_guard lock(mutex_);
-            deadlines_.push_back(deadline);
-        });
+    NotificationDatabaseServices services() {
+        return {root_,
+                [this](MainQueue::Clock::time_point deadline, MainQueue::Job job) {
+                    std::lock_guard lock(mutex_);
+                    scheduled_.emplace_back(deadline, std::move(job));
+                    if (whenScheduled) whenScheduled();
+                },
+                center_};
     }
-    ~ScheduledNotices() { MainQueue::main().setScheduler({}); }
-    // The deadlines scheduled so far, and then none.
-    std::vector<MainQueue::Clock::time_point> take() {
+    // The messages logged so far, and then none.
+    std::vector<CapturingLogDestination::Entry> takeLog() {
+        auto entries = log_->entries();
+        log_->clear();
+        return entries;
+    }
+    // The jobs scheduled so far with their deadlines, and then none.
+    std::vector<std::pair<MainQueue::Clock::time_point, MainQueue::Job>> takeJobs() {
         std::lock_guard lock(mutex_);
-        return std::exchange(deadlines_, {});
+        return std::exchange(scheduled_, {});
     }
+    std::vector<MainQueue::Clock::time_point> takeDeadlines() {
+        std::vector<MainQueue::Clock::time_point> deadlines;
+        for (const auto& job : takeJobs()) deadlines.push_back(job.first);
+        return deadlines;
+    }
+    int posts() const { return center_->posts; }
+
+    // Called as each job is scheduled, on the thread that commits, as a host's scheduler may.
+    std::function<void()> whenScheduled;
 
 private:
+    struct CountingCenter final : DistributedNotificationCenter {
+        void post(const std::string& /*name*/) override { ++posts; }
+        std::unique_ptr<ObserverToken> addObserver(const std::string&, Handler) override { return nullptr; }
+        std::atomic<int> posts{0};
+    };
+    std::shared_ptr<CapturingLogDestination> log_ = std::make_shared<CapturingLogDestination>();
+    std::shared_ptr<Logger> root_ = std::make_shared<Logger>("root", nullptr, Logger::Destinations{log_}, false);
+    std::shared_ptr<CountingCenter> center_ = std::make_shared<CountingCenter>();
     std::mutex mutex_;
-    std::vector<MainQueue::Clock::time_point> deadlines_;
+    std::vector<std::pair<MainQueue::Clock::time_point, MainQueue::Job>> scheduled_;
 };
 
 // A plain sqlite3 connection, as another program on the machine would open the file.

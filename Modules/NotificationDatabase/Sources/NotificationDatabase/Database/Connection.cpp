@@ -1,12 +1,11 @@
 #include "NotificationDatabase/Database/Connection.hpp"
 
-#include "NotificationDatabase/Configuration.hpp"
-#include "NotificationDatabase/DatabaseError.hpp"
+#include "NotificationDatabase/Database/Configuration.hpp"
+#include "NotificationDatabase/Database/DatabaseError.hpp"
 
 #include <sqlite3.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <thread>
 #include <string>
@@ -29,7 +28,7 @@ CachedStatement::~CachedStatement() {
 
 namespace {
 
-constexpr auto kBusyRetryInterval = std::chrono::milliseconds(5);
+constexpr auto busyRetryInterval = std::chrono::milliseconds(5);
 
 int busyHandlerTrampoline(void* context, int numberOfTries) {
     auto* callback = static_cast<std::function<bool(int)>*>(context);
@@ -51,7 +50,7 @@ BusyMode::Callback retryUntil(double seconds) {
         const auto now = std::chrono::steady_clock::now();
         if (numberOfTries == 0) firstTry = now;
         if (now - firstTry >= limit) return false;
-        std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(kBusyRetryInterval, limit - (now - firstTry)));
+        std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(busyRetryInterval, limit - (now - firstTry)));
         return true;
     };
 }
@@ -100,7 +99,6 @@ Connection::Connection(const std::filesystem::path& path, Mode mode, const BusyM
 
 Connection::~Connection() {
     cache_.clear();
-    keyed_.clear();
     sqlite3_close_v2(db_);
 }
 
@@ -129,23 +127,10 @@ void Connection::execute(std::string_view sql) {
     }
 }
 
-StatementKey::StatementKey(std::string sql) : sql_(std::move(sql)) {
-    static std::atomic<std::size_t> nextSlot{0};
-    slot_ = nextSlot.fetch_add(1, std::memory_order_relaxed);
-}
-
 CachedStatement Connection::cachedStatement(std::string_view sql) {
     auto found = cache_.find(sql);
     if (found == cache_.end()) found = cache_.emplace(std::string(sql), CacheEntry{}).first;
-    return use(found->second, sql);
-}
-
-CachedStatement Connection::cachedStatement(const StatementKey& key) {
-    if (key.slot() >= keyed_.size()) keyed_.resize(key.slot() + 1);
-    return use(keyed_[key.slot()], key.sql());
-}
-
-CachedStatement Connection::use(CacheEntry& entry, std::string_view sql) {
+    CacheEntry& entry = found->second;
     if (!entry.statement) entry.statement = std::make_unique<Statement>(db_, sql, &journal_);
     if (entry.inUse) {
         // The same SQL is already running further up the stack: use a private copy.
@@ -155,10 +140,6 @@ CachedStatement Connection::use(CacheEntry& entry, std::string_view sql) {
     }
     entry.inUse = true;
     return {entry.statement.get(), nullptr, &entry.inUse};
-}
-
-std::unique_ptr<Statement> Connection::makeStatement(std::string_view sql) {
-    return std::make_unique<Statement>(db_, sql, &journal_);
 }
 
 std::int64_t Connection::lastInsertedRowID() const noexcept {
@@ -174,8 +155,7 @@ bool Connection::isInsideTransaction() const noexcept {
 }
 
 bool Connection::tableExists(std::string_view name) {
-    static const StatementKey query("SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = ? COLLATE NOCASE");
-    auto statement = cachedStatement(query);
+    auto statement = cachedStatement("SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = ? COLLATE NOCASE");
     statement->bind(1, name);
     return statement->step();
 }

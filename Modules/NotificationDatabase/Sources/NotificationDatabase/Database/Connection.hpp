@@ -3,7 +3,6 @@
 #include <NotificationDatabase/Database/Statement.hpp>
 
 #include <cstdint>
-#include <deque>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -39,26 +38,7 @@ private:
     bool* inUse_;
 };
 
-// A statement that the library runs again and again, named once for the whole process: its SQL
-// and a slot of its own in every connection's cache, so that finding it there costs an index
-// rather than hashing and comparing its text. Keys are meant to live as long as the process
-// (static objects); each one takes a new slot.
-class StatementKey {
-public:
-    explicit StatementKey(std::string sql);
-    StatementKey(const StatementKey&) = delete;
-    StatementKey& operator=(const StatementKey&) = delete;
-
-    const std::string& sql() const noexcept { return sql_; }
-    std::size_t slot() const noexcept { return slot_; }
-
-private:
-    std::string sql_;
-    std::size_t slot_;
-};
-
-// One SQLite connection (RAII). Prepared statements are cached per connection, by key or by SQL
-// text.
+// One SQLite connection (RAII). Prepared statements are cached per connection, by their SQL text.
 // Not thread-safe: a connection is used by one thread at a time (the pool sees to that).
 class Connection {
 public:
@@ -74,12 +54,9 @@ public:
 
     // Runs SQL without parameters or results (one or more statements); throws `DatabaseError`.
     void execute(std::string_view sql);
-    // A cached prepared statement for `sql`, prepared on first use.
+    // The prepared statement for `sql`, prepared on first use and kept for the connection's
+    // lifetime. While one user holds it, a second user of the same SQL gets a copy of its own.
     CachedStatement cachedStatement(std::string_view sql);
-    // The same for a keyed statement.
-    CachedStatement cachedStatement(const StatementKey& key);
-    // A statement prepared for one use only.
-    std::unique_ptr<Statement> makeStatement(std::string_view sql);
 
     std::int64_t lastInsertedRowID() const noexcept;
     // Rows changed by the last INSERT, UPDATE or DELETE.
@@ -99,15 +76,13 @@ private:
         std::unique_ptr<Statement> statement;
         bool inUse = false;
     };
-    CachedStatement use(CacheEntry& entry, std::string_view sql);
 
     sqlite3* db_ = nullptr;
     ChangeJournal journal_;
     std::function<bool(int)> busyCallback_;
+    // Entries stay in place as the map grows (its nodes do not move): statements in use point to
+    // them.
     std::unordered_map<std::string, CacheEntry, SQLHash, std::equal_to<>> cache_;
-    // By `StatementKey::slot()`; growing a deque at its end keeps the entries in place, which
-    // the statements in use point to.
-    std::deque<CacheEntry> keyed_;
 };
 
 }  // namespace notificationdb

@@ -1,7 +1,7 @@
 #include "NotificationDatabase/Database/DatabasePool.hpp"
 
-#include "NotificationDatabase/DatabaseError.hpp"
-#include "NotificationDatabase/NotificationModel/EnumerationCases.hpp"
+#include "NotificationDatabase/Database/DatabaseError.hpp"
+#include "NotificationDatabase/Database/Names.hpp"
 
 #include <sqlite3.h>
 
@@ -28,20 +28,20 @@ struct WriteFrame {
     const void* pool;
     const WriteFrame* outer;
 };
-thread_local const WriteFrame* tlsInnermostWrite = nullptr;
+thread_local const WriteFrame* innermostWrite = nullptr;
 
 class RunningWrite {
 public:
-    explicit RunningWrite(const void* pool) : frame_{pool, tlsInnermostWrite} {
+    explicit RunningWrite(const void* pool) : frame_{pool, innermostWrite} {
         for (const WriteFrame* frame = frame_.outer; frame != nullptr; frame = frame->outer) {
             if (frame->pool == pool) {
                 throw std::logic_error(
                     "a write of the database was started from inside another write of it on the same thread");
             }
         }
-        tlsInnermostWrite = &frame_;
+        innermostWrite = &frame_;
     }
-    ~RunningWrite() { tlsInnermostWrite = frame_.outer; }
+    ~RunningWrite() { innermostWrite = frame_.outer; }
     RunningWrite(const RunningWrite&) = delete;
     RunningWrite& operator=(const RunningWrite&) = delete;
 
@@ -49,18 +49,12 @@ private:
     WriteFrame frame_;
 };
 
-constexpr std::size_t kMaximumTrackedTables = 64;
+constexpr std::size_t maximumTrackedTables = 64;
 
-enum class Transaction { beginDeferred, beginImmediate, commit, rollback };
-
-// The transaction statements, keyed once (function statics, so that a pool made during another
-// file's static initialisation finds them made).
-const StatementKey& statement(Transaction step) {
-    static const StatementKey keys[] = {StatementKey("BEGIN DEFERRED TRANSACTION"),
-                                        StatementKey("BEGIN IMMEDIATE TRANSACTION"), StatementKey("COMMIT TRANSACTION"),
-                                        StatementKey("ROLLBACK TRANSACTION")};
-    return keys[static_cast<int>(step)];
-}
+constexpr std::string_view beginDeferred = "BEGIN DEFERRED TRANSACTION";
+constexpr std::string_view beginImmediate = "BEGIN IMMEDIATE TRANSACTION";
+constexpr std::string_view commit = "COMMIT TRANSACTION";
+constexpr std::string_view rollback = "ROLLBACK TRANSACTION";
 
 // Switching a new file to WAL needs a lock that SQLite does not wait for (it answers BUSY at
 // once rather than risk a deadlock), so two processes creating the same file can collide here.
@@ -165,7 +159,7 @@ struct DatabasePool::Shared {
             auto found = std::find_if(trackedTables.begin(), trackedTables.end(),
                                       [&](const std::string& tracked) { return equalsIgnoringCase(tracked, table); });
             if (found == trackedTables.end()) {
-                if (trackedTables.size() == kMaximumTrackedTables) {
+                if (trackedTables.size() == maximumTrackedTables) {
                     throw std::length_error("too many observed tables");
                 }
                 trackedTables.push_back(table);
@@ -267,14 +261,14 @@ void DatabasePool::writeImpl(const std::function<void(Connection&)>& body, Begin
     Connection& writer = *shared.writer;
     writer.changeJournal() = {};
     const bool deferred = begin == Begin::deferred || shared.configuration.readOnly;
-    writer.cachedStatement(statement(deferred ? Transaction::beginDeferred : Transaction::beginImmediate))->execute();
+    writer.cachedStatement(deferred ? beginDeferred : beginImmediate)->execute();
     try {
         body(writer);
-        writer.cachedStatement(statement(Transaction::commit))->execute();
+        writer.cachedStatement(commit)->execute();
     } catch (...) {
         if (writer.isInsideTransaction()) {
             try {
-                writer.cachedStatement(statement(Transaction::rollback))->execute();
+                writer.cachedStatement(rollback)->execute();
             } catch (...) {
                 // The transaction is gone either way; the original failure is what matters.
             }
@@ -292,19 +286,19 @@ void DatabasePool::readImpl(const std::function<void(Connection&)>& body) {
     Shared& shared = *shared_;
     std::unique_ptr<Connection> reader = shared.acquireReader();
     try {
-        reader->cachedStatement(statement(Transaction::beginDeferred))->execute();
+        reader->cachedStatement(beginDeferred)->execute();
         try {
             body(*reader);
         } catch (...) {
             if (reader->isInsideTransaction()) {
                 try {
-                    reader->cachedStatement(statement(Transaction::rollback))->execute();
+                    reader->cachedStatement(rollback)->execute();
                 } catch (...) {
                 }
             }
             throw;
         }
-        reader->cachedStatement(statement(Transaction::commit))->execute();
+        reader->cachedStatement(commit)->execute();
     } catch (...) {
         shared.returnReader(std::move(reader));
         throw;
@@ -349,26 +343,6 @@ std::unique_ptr<DatabaseObservation> DatabasePool::observe(std::vector<std::stri
         std::uint64_t id_;
     };
     return std::make_unique<Handle>(std::move(weak), id);
-}
-
-void DatabasePool::releaseMemory() {
-    Shared& shared = *shared_;
-    if (!shared.configuration.persistentReadOnlyConnections) {
-        std::vector<std::unique_ptr<Connection>> closing;
-        {
-            std::lock_guard lock(shared.readersMutex);
-            closing.swap(shared.idleReaders);
-            shared.openReaders -= static_cast<int>(closing.size());
-        }
-        shared.readerReturned.notify_all();
-    }
-    std::lock_guard lock(shared.writerMutex);
-    sqlite3_db_release_memory(shared.writer->handle());
-}
-
-int DatabasePool::openReaderCount() const {
-    std::lock_guard lock(shared_->readersMutex);
-    return shared_->openReaders;
 }
 
 }  // namespace notificationdb

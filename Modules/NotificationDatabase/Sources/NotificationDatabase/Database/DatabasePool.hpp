@@ -1,6 +1,6 @@
 #pragma once
 
-#include <NotificationDatabase/Configuration.hpp>
+#include <NotificationDatabase/Database/Configuration.hpp>
 #include <NotificationDatabase/Database/Connection.hpp>
 
 #include <exception>
@@ -72,11 +72,6 @@ public:
     // write access.
     std::unique_ptr<DatabaseObservation> observe(std::vector<std::string> tables, ChangeHandler onChange,
                                                  ErrorHandler onError);
-
-    // Closes idle reader connections, unless `persistentReadOnlyConnections` is on.
-    void releaseMemory();
-    // Reader connections currently open (idle or in use).
-    int openReaderCount() const;
 
 private:
     template <class Work, class Run>

@@ -1,8 +1,7 @@
 #pragma once
 
 #include <NotificationDatabase/Export.hpp>
-#include <NotificationDatabase/NotificationModel/EnumerationCases.hpp>
-#include <NotificationDatabase/NotificationModel/RecordCoding.hpp>
+#include <NotificationDatabase/RecordCoding/RecordCoding.hpp>
 
 #include <array>
 #include <cstdint>
@@ -11,8 +10,6 @@
 #include <string_view>
 
 namespace notificationdb {
-
-class JoinedRow;
 
 // The one action button a notification may carry: a row of the table "notificationButton".
 // A plain value. Every field is readable; all but `id` are public and assignable.
@@ -50,7 +47,6 @@ public:
 
 private:
     friend struct RecordCoding<NotificationButton>;
-    friend class JoinedRow;
     // Every field absent or false: the start of a record read in place.
     NotificationButton() noexcept : visible(false) {}
 
@@ -61,6 +57,7 @@ using UserActionKind = NotificationButton::UserActionKind;
 
 template <>
 struct EnumerationCases<UserActionKind> {
+    static constexpr std::string_view typeName = "UserActionKind";
     static constexpr std::array<std::string_view, 7> names{
         "openCabinet", "openApp", "openCollection", "openLink", "openBlogArticle", "openVantro", "refreshInstalledApps"};
 };
@@ -72,34 +69,18 @@ constexpr std::optional<UserActionKind> makeUserActionKind(std::int64_t value) n
 
 // The keyed coding of the button record: its seven fields in column order.
 template <>
-struct NOTIFICATIONDB_API RecordCoding<NotificationButton> {
+struct RecordCoding<NotificationButton> {
     static constexpr std::string_view tableName = NotificationButton::databaseTableName;
-    static constexpr std::array<FieldDescriptor, 7> fields{{
-        {"id", FieldType::integer, true},
-        {"buttonId", FieldType::text, true},
-        {"title", FieldType::text, true},
-        {"visible", FieldType::boolean, false},
-        {"notificationId", FieldType::integer, true},
-        {"actionKind", FieldType::enumeration, true},
-        {"userAction", FieldType::bytes, true},
-    }};
-
-    static FieldView view(const NotificationButton& record, std::size_t fieldIndex);
-    static FieldValue encode(const NotificationButton& record, std::size_t fieldIndex);
-    template <FieldSource Source>
-    static NotificationButton decode(Source& source) {
-        NotificationButton record;
-        decode(source, record);
-        return record;
-    }
-    template <FieldSource Source>
-    static void decode(Source& source, NotificationButton& record);
-    static NotificationButton decode(std::array<FieldValue, 7>& values) {
-        FieldValues<7> source(values, tableName, fields);
-        return decode(source);
-    }
-    static std::optional<std::int64_t> primaryKey(const NotificationButton& record) noexcept { return record.id_; }
-    static void didInsert(NotificationButton& record, std::int64_t rowID) noexcept { record.id_ = rowID; }
+    static constexpr std::tuple fields{
+        Field{"id", &NotificationButton::id_},
+        Field{"buttonId", &NotificationButton::buttonId},
+        Field{"title", &NotificationButton::title},
+        Field{"visible", &NotificationButton::visible},
+        Field{"notificationId", &NotificationButton::notificationId},
+        Field{"actionKind", &NotificationButton::actionKind},
+        Field{"userAction", &NotificationButton::userAction},
+    };
+    static NotificationButton blank() noexcept { return {}; }
 };
 
 }  // namespace notificationdb

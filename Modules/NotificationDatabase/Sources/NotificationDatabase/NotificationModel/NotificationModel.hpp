@@ -1,8 +1,7 @@
 #pragma once
 
 #include <NotificationDatabase/Export.hpp>
-#include <NotificationDatabase/NotificationModel/EnumerationCases.hpp>
-#include <NotificationDatabase/NotificationModel/RecordCoding.hpp>
+#include <NotificationDatabase/RecordCoding/RecordCoding.hpp>
 
 #include <array>
 #include <cstdint>
@@ -62,10 +61,12 @@ using NotificationKind = NotificationModel::NotificationKind;
 
 template <>
 struct EnumerationCases<NotificationStatus> {
+    static constexpr std::string_view typeName = "NotificationStatus";
     static constexpr std::array<std::string_view, 3> names{"new", "shown", "read"};
 };
 template <>
 struct EnumerationCases<NotificationKind> {
+    static constexpr std::string_view typeName = "NotificationKind";
     static constexpr std::array<std::string_view, 5> names{"default", "newApp", "appUpdate", "vantroUpdate", "ai"};
 };
 
@@ -80,39 +81,23 @@ constexpr NotificationKind makeNotificationKind(std::int64_t value) noexcept {
 
 // The keyed coding of the notification record: its twelve fields in column order.
 template <>
-struct NOTIFICATIONDB_API RecordCoding<NotificationModel> {
+struct RecordCoding<NotificationModel> {
     static constexpr std::string_view tableName = NotificationModel::databaseTableName;
-    static constexpr std::array<FieldDescriptor, 12> fields{{
-        {"id", FieldType::integer, true},
-        {"customerId", FieldType::text, true},
-        {"createdDate", FieldType::date, false},
-        {"version", FieldType::text, false},
-        {"analyticsTag", FieldType::text, false},
-        {"title", FieldType::text, true},
-        {"body", FieldType::text, true},
-        {"bannerUrl", FieldType::text, true},
-        {"isMarketing", FieldType::boolean, false},
-        {"appId", FieldType::integer, true},
-        {"status", FieldType::enumeration, false},
-        {"notificationKind", FieldType::enumeration, false},
-    }};
-
-    static FieldView view(const NotificationModel& record, std::size_t fieldIndex);
-    static FieldValue encode(const NotificationModel& record, std::size_t fieldIndex);
-    template <FieldSource Source>
-    static NotificationModel decode(Source& source) {
-        NotificationModel record;
-        decode(source, record);
-        return record;
-    }
-    template <FieldSource Source>
-    static void decode(Source& source, NotificationModel& record);
-    static NotificationModel decode(std::array<FieldValue, 12>& values) {
-        FieldValues<12> source(values, tableName, fields);
-        return decode(source);
-    }
-    static std::optional<std::int64_t> primaryKey(const NotificationModel& record) noexcept { return record.id_; }
-    static void didInsert(NotificationModel& record, std::int64_t rowID) noexcept { record.id_ = rowID; }
+    static constexpr std::tuple fields{
+        Field{"id", &NotificationModel::id_},
+        Field{"customerId", &NotificationModel::customerId_},
+        Field{"createdDate", &NotificationModel::createdDate},
+        Field{"version", &NotificationModel::version},
+        Field{"analyticsTag", &NotificationModel::analyticsTag},
+        Field{"title", &NotificationModel::title},
+        Field{"body", &NotificationModel::body},
+        Field{"bannerUrl", &NotificationModel::bannerUrl},
+        Field{"isMarketing", &NotificationModel::isMarketing},
+        Field{"appId", &NotificationModel::appId},
+        Field{"status", &NotificationModel::status},
+        Field{"notificationKind", &NotificationModel::notificationKind},
+    };
+    static NotificationModel blank() noexcept { return {}; }
 };
 
 }  // namespace notificationdb

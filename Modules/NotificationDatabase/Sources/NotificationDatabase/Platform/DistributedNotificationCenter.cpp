@@ -29,9 +29,9 @@ namespace {
 
 // How long a post may wait for the bus to accept it. A healthy session bus answers within
 // milliseconds; this only bounds the damage of a stuck one.
-constexpr auto kPostTimeout = std::chrono::seconds(2);
+constexpr auto postTimeout = std::chrono::seconds(2);
 // Bound on the bus's own method calls (registering the match rule of an observer).
-constexpr std::uint64_t kMethodCallTimeoutMicroseconds = 5'000'000;
+constexpr std::uint64_t methodCallTimeoutMicroseconds = 5'000'000;
 
 struct BusCloser {
     void operator()(sd_bus* bus) const noexcept { sd_bus_close_unref(bus); }
@@ -76,7 +76,7 @@ int openSessionBus(BusPointer& bus) {
     int result = sd_bus_open_user(&raw);
     if (result < 0) return result;
     bus.reset(raw);
-    return sd_bus_set_method_call_timeout(raw, kMethodCallTimeoutMicroseconds);
+    return sd_bus_set_method_call_timeout(raw, methodCallTimeoutMicroseconds);
 }
 
 std::uint64_t monotonicMicroseconds() {
@@ -264,7 +264,7 @@ public:
             }
             int result = sd_bus_emit_signal(bus_.get(), path.c_str(), interface.c_str(), name.c_str(), nullptr);
             if (result >= 0) {
-                result = flushWithin(bus_.get(), std::chrono::duration_cast<std::chrono::microseconds>(kPostTimeout));
+                result = flushWithin(bus_.get(), std::chrono::duration_cast<std::chrono::microseconds>(postTimeout));
             }
             if (result >= 0) return;
             bus_.reset();

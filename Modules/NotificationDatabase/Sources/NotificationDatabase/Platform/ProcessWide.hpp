@@ -14,15 +14,15 @@ auto& neverDestroyed(Make make) {
     return *value;
 }
 
-// A process-wide service that a host or a test may replace: the one `makeDefault` builds,
+// A process-wide service that a host or a test may replace: the one `MakeDefault` builds,
 // unless another was installed.
-template <class Service, auto makeDefault>
+template <class Service, auto MakeDefault>
 class ReplaceableDefault {
 public:
     static std::shared_ptr<Service> get() {
         Slot& slot = theSlot();
         std::lock_guard lock(slot.mutex);
-        if (!slot.service) slot.service = makeDefault();
+        if (!slot.service) slot.service = MakeDefault();
         return slot.service;
     }
     // `nullptr` brings the default back on the next `get()`.

@@ -1,6 +1,4 @@
-#include "NotificationDatabase/DatabaseError.hpp"
-
-#include "NotificationDatabase/Database/Statement.hpp"
+#include "NotificationDatabase/Database/DatabaseError.hpp"
 
 #include <sqlite3.h>
 
@@ -17,7 +15,7 @@ struct CodeName {
 };
 
 // Names of SQLite's primary and extended result codes.
-constexpr std::array<CodeName, 104> kCodeNames{{
+constexpr std::array<CodeName, 104> codeNames{{
     {SQLITE_OK, "SQLITE_OK"},
     {SQLITE_ERROR, "SQLITE_ERROR"},
     {SQLITE_INTERNAL, "SQLITE_INTERNAL"},
@@ -124,48 +122,24 @@ constexpr std::array<CodeName, 104> kCodeNames{{
     {SQLITE_OK_LOAD_PERMANENTLY, "SQLITE_OK_LOAD_PERMANENTLY"},
 }};
 
-std::string describe(int resultCode, int extendedResultCode, const std::string& message, const std::string& sql) {
-    std::string text = "SQLite error " + std::to_string(resultCode) + " (" +
-                       DatabaseError::codeName(extendedResultCode) + "): " + message;
-    if (!sql.empty()) text += " - while executing `" + sql + "`";
-    return text;
-}
-
 }  // namespace
 
 DatabaseError::DatabaseError(int resultCode, int extendedResultCode, std::string message, std::string sql)
-    : EngineError(resultCode, extendedResultCode, codeName(extendedResultCode), message,
-                  describe(resultCode, extendedResultCode, message, sql)),
+    : std::runtime_error("SQLite error " + std::to_string(resultCode) + " (" + codeName(extendedResultCode) +
+                         "): " + message),
+      resultCode_(resultCode),
+      extendedResultCode_(extendedResultCode),
+      message_(std::move(message)),
       sql_(std::move(sql)) {}
 
-DatabaseError databaseError(sqlite3* connection, int resultCode, std::string_view sql) {
-    int extended = resultCode;
-    std::string message;
-    if (connection != nullptr) {
-        extended = sqlite3_extended_errcode(connection);
-        // The connection's last error can belong to another call when the failing call did not
-        // set it (for example a misuse); trust the code we were given then.
-        if ((extended & 0xff) != (resultCode & 0xff)) extended = resultCode;
-        message = sqlite3_errmsg(connection);
-    } else {
-        message = sqlite3_errstr(resultCode);
-    }
-    return {resultCode & 0xff, extended, std::move(message), std::string(sql)};
-}
-
 std::string DatabaseError::codeName(int code) {
-    for (const auto& entry : kCodeNames) {
+    for (const auto& entry : codeNames) {
         if (entry.code == code) return entry.name;
     }
-    for (const auto& entry : kCodeNames) {
+    for (const auto& entry : codeNames) {
         if (entry.code == (code & 0xff)) return entry.name;
     }
     return "SQLITE_UNKNOWN_" + std::to_string(code);
 }
-
-RecordDecodingError::RecordDecodingError(std::string_view table, std::string_view column, std::string_view reason)
-    : std::runtime_error("could not read column \"" + std::string(column) + "\" of \"" + std::string(table) +
-                         "\": " + std::string(reason)),
-      column_(column) {}
 
 }  // namespace notificationdb

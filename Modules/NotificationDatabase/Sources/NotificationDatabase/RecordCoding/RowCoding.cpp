@@ -1,6 +1,4 @@
-#include "NotificationDatabase/Database/RecordPersistence.hpp"
-
-#include "NotificationDatabase/DatabaseError.hpp"
+#include "NotificationDatabase/RecordCoding/RowCoding.hpp"
 
 #include <cmath>
 #include <limits>
@@ -79,31 +77,29 @@ Timestamp dateColumn(const Row& row, int index, ColumnType type, std::string_vie
     throw RecordDecodingError(table, field, "value is not a date");
 }
 
-void bindFieldView(Statement& statement, int index, const FieldView& value, std::string_view table,
-                   std::string_view field) {
-    switch (value.index()) {
-        case 1:
-            statement.bind(index, std::get<1>(value));
-            return;
-        case 2:
-            statement.bindNoCopy(index, *std::get<2>(value));
-            return;
-        case 3: {
-            const auto text = formatDateText(std::get<3>(value));
-            if (!text) throw RecordDecodingError(table, field, "date is outside years 0000 to 9999");
-            statement.bind(index, std::string_view(*text));
-            return;
-        }
-        case 4:
-            statement.bind(index, std::int64_t{std::get<4>(value) ? 1 : 0});
-            return;
-        case 5:
-            statement.bindNoCopy(index, *std::get<5>(value));
-            return;
-        default:
-            statement.bindNull(index);
-            return;
-    }
+void bindValue(Statement& statement, int index, std::int64_t value, std::string_view /*table*/,
+               std::string_view /*field*/) {
+    statement.bind(index, value);
+}
+
+void bindValue(Statement& statement, int index, const std::string& value, std::string_view /*table*/,
+               std::string_view /*field*/) {
+    statement.bindNoCopy(index, value);
+}
+
+void bindValue(Statement& statement, int index, Timestamp value, std::string_view table, std::string_view field) {
+    const auto text = formatDateText(value);
+    if (!text) throw RecordDecodingError(table, field, "date is outside years 0000 to 9999");
+    statement.bind(index, std::string_view(*text));
+}
+
+void bindValue(Statement& statement, int index, bool value, std::string_view /*table*/, std::string_view /*field*/) {
+    statement.bind(index, std::int64_t{value ? 1 : 0});
+}
+
+void bindValue(Statement& statement, int index, const Bytes& value, std::string_view /*table*/,
+               std::string_view /*field*/) {
+    statement.bindNoCopy(index, value);
 }
 
 std::string makeInsertSQL(std::string_view table, std::span<const FieldDescriptor> fields) {

@@ -1,4 +1,4 @@
-#include "NotificationDatabase/NotificationModel/DateText.hpp"
+#include "NotificationDatabase/RecordCoding/Timestamp.hpp"
 
 #include <cmath>
 #include <cstdint>
@@ -11,8 +11,8 @@ using std::chrono::days;
 using std::chrono::milliseconds;
 
 // Milliseconds since 1970 of 0000-01-01 00:00:00 and of 10000-01-01 00:00:00 (exclusive).
-constexpr std::int64_t kEarliestMilliseconds = -62167219200000;
-constexpr std::int64_t kLatestMilliseconds = 253402300800000;
+constexpr std::int64_t earliestMilliseconds = -62167219200000;
+constexpr std::int64_t latestMilliseconds = 253402300800000;
 
 // The two digits at `position` as a number, or a value above 99 when either is no digit.
 unsigned twoDigits(const char* text, std::size_t position) noexcept {
@@ -25,7 +25,7 @@ unsigned twoDigits(const char* text, std::size_t position) noexcept {
 
 std::optional<std::string> formatDateText(Timestamp instant) {
     const std::int64_t total = instant.time_since_epoch().count();
-    if (total < kEarliestMilliseconds || total >= kLatestMilliseconds) return std::nullopt;
+    if (total < earliestMilliseconds || total >= latestMilliseconds) return std::nullopt;
     const auto sinceEpoch = milliseconds(total);
     // floor, not truncation toward zero: an instant before 1970 must not round up.
     const auto day = std::chrono::floor<days>(sinceEpoch);
@@ -99,7 +99,7 @@ std::optional<Timestamp> parseDateText(std::string_view text) {
 std::optional<Timestamp> dateFromSecondsSince1970(double seconds) {
     if (!std::isfinite(seconds)) return std::nullopt;
     const double value = std::floor(seconds * 1000.0);
-    if (value < static_cast<double>(kEarliestMilliseconds) || value >= static_cast<double>(kLatestMilliseconds)) {
+    if (value < static_cast<double>(earliestMilliseconds) || value >= static_cast<double>(latestMilliseconds)) {
         return std::nullopt;
     }
     return Timestamp(Timestamp::time_point(milliseconds(static_cast<std::int64_t>(value))));

@@ -43,7 +43,8 @@ struct Configuration {
     bool readOnly = false;
     // Applied to the writer and the readers.
     BusyMode busyMode = BusyMode::immediateError();
-    // On: `DatabasePool::releaseMemory()` keeps idle reader connections open.
+    // On: the pool never closes its reader connections to give memory back. (This pool never
+    // does: it keeps every reader it opened for as long as it lives.)
     bool persistentReadOnlyConnections = false;
 };
 

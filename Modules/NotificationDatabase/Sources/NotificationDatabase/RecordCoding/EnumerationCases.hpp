@@ -1,17 +1,21 @@
 #pragma once
 
+#include <NotificationDatabase/Export.hpp>
+
 #include <array>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string_view>
 #include <type_traits>
 
 namespace notificationdb {
 
-// The cases of a stored enumeration, by raw value: `names[i]` is the name of the case whose
-// raw value is `i`. Each enumeration of the records specialises it.
+// The cases of a stored enumeration, by raw value: `names[i]` is the name of the case whose raw
+// value is `i`, and `typeName` names the enumeration in messages. Each enumeration of the
+// records specialises it.
 template <class Enumeration>
 struct EnumerationCases;
 
@@ -19,18 +23,13 @@ struct EnumerationCases;
 template <class Enumeration>
 concept CaseEnumeration = std::is_enum_v<Enumeration> && requires {
     { EnumerationCases<Enumeration>::names.size() } -> std::convertible_to<std::size_t>;
+    { EnumerationCases<Enumeration>::typeName } -> std::convertible_to<std::string_view>;
 };
 
-// Whether two texts are equal when ASCII letters are compared without regard to case (the
-// way SQLite compares names).
-constexpr bool equalsIgnoringCase(std::string_view lhs, std::string_view rhs) noexcept {
-    if (lhs.size() != rhs.size()) return false;
-    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
-    for (std::size_t i = 0; i < lhs.size(); ++i) {
-        if (lower(lhs[i]) != lower(rhs[i])) return false;
-    }
-    return true;
-}
+// The position of `name` among `names`, compared without regard to ASCII letter case; nullopt
+// when it is none of them.
+NOTIFICATIONDB_API std::optional<std::size_t> findCaseName(std::span<const std::string_view> names,
+                                                           std::string_view name) noexcept;
 
 // The raw value of a case: what the database stores for it.
 template <CaseEnumeration Enumeration>
@@ -52,15 +51,12 @@ constexpr std::string_view caseName(Enumeration value) noexcept {
     return EnumerationCases<Enumeration>::names[static_cast<std::size_t>(value)];
 }
 
-// The case of that name, compared without regard to case ("newapp" is `newApp`); nullopt for
-// any other text.
+// The case of that name in any letter case ("newapp" is `newApp`); nullopt for any other text.
 template <CaseEnumeration Enumeration>
-constexpr std::optional<Enumeration> fromCaseName(std::string_view name) noexcept {
-    const auto& names = EnumerationCases<Enumeration>::names;
-    for (std::size_t i = 0; i < names.size(); ++i) {
-        if (equalsIgnoringCase(names[i], name)) return static_cast<Enumeration>(i);
-    }
-    return std::nullopt;
+std::optional<Enumeration> fromCaseName(std::string_view name) noexcept {
+    const auto position = findCaseName(EnumerationCases<Enumeration>::names, name);
+    if (!position) return std::nullopt;
+    return static_cast<Enumeration>(*position);
 }
 
 }  // namespace notificationdb

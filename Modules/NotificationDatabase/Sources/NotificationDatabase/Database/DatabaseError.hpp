@@ -1,0 +1,33 @@
+#pragma once
+
+#include <NotificationDatabase/Export.hpp>
+
+#include <stdexcept>
+#include <string>
+
+namespace notificationdb {
+
+// A failure reported by SQLite. `what()` is safe to log: the result code, its name and SQLite's
+// message, "SQLite error 19 (SQLITE_CONSTRAINT_FOREIGNKEY): FOREIGN KEY constraint failed";
+// the SQL of the statement (with `?` placeholders, never bound values) is kept apart.
+class NOTIFICATIONDB_API DatabaseError : public std::runtime_error {
+public:
+    DatabaseError(int resultCode, int extendedResultCode, std::string message, std::string sql);
+
+    int resultCode() const noexcept { return resultCode_; }
+    int extendedResultCode() const noexcept { return extendedResultCode_; }
+    // SQLite's description of the failure, without bound values.
+    const std::string& message() const noexcept { return message_; }
+    const std::string& sql() const noexcept { return sql_; }
+
+    // Symbolic name of an SQLite result code, primary or extended ("SQLITE_BUSY_SNAPSHOT").
+    static std::string codeName(int code);
+
+private:
+    int resultCode_;
+    int extendedResultCode_;
+    std::string message_;
+    std::string sql_;
+};
+
+}  // namespace notificationdb
