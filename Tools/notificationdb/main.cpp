@@ -4,6 +4,7 @@
 // One table lists the commands; it builds the command line, and the help, the manual page and
 // the completion script are all written from that command line.
 
+#include "Check.hpp"
 #include "Enumerations.hpp"
 #include "HelpFiles.hpp"
 #include "JsonCoding.hpp"
@@ -51,8 +52,8 @@ namespace {
 
 enum ExitStatus : int {
     success = 0,
-    answeredFalse = 1,  // also: a named id not stored, a watch that timed out, a reset not
-                        // confirmed
+    answeredFalse = 1,  // also: a named id not stored, a check that found something wrong, a
+                        // watch that timed out, a reset not confirmed
     usageError = 2,     // bad arguments or input, or a write under --read-only
     unavailable = 3,    // the file is missing (without --create), no SQLite database, not a
                         // notification database, or not writable for a write; for watch: no bus
@@ -98,8 +99,8 @@ struct Arguments {
     std::optional<std::string> timeout;
 };
 
-// What a command does with the database.
-enum class Access { none, reads, writes };
+// What a command does with the database. `examines` reads a file that may be damaged or foreign.
+enum class Access { none, reads, writes, examines };
 
 class Context;
 
@@ -145,8 +146,8 @@ std::shared_ptr<NotificationDatabaseImpl> createStore(const Arguments& arguments
 // Lets the command go on with the existing file at `path` only when it is the kind of file the
 // command can work on: an SQLite database that holds the table "notification" (anything else
 // belongs to another program and stays untouched) or no table at all (`empty`: a database yet
-// to be set up); reading needs both tables, writing a file this user may write. Returns the
-// tool's own connection to it.
+// to be set up); reading needs both tables, writing a file this user may write. `check`
+// examines whatever SQLite takes for a database. Returns the tool's own connection to it.
 std::unique_ptr<SQLiteFile> admit(const std::filesystem::path& path, Access access, bool& empty) {
     const std::string cannotOpen = "cannot open " + path.string() + ": ";
     std::unique_ptr<SQLiteFile> file;
@@ -155,6 +156,7 @@ std::unique_ptr<SQLiteFile> admit(const std::filesystem::path& path, Access acce
         file = std::make_unique<SQLiteFile>(path);
         tables = file->tableNames();
     } catch (const EngineError& error) {
+        if (access == Access::examines && file && error.resultCode() == SQLITE_CORRUPT) return file;
         const bool folder = error.extendedResultCode() == SQLITE_READONLY_DIRECTORY;
         throw CommandError(unavailable, cannotOpen + LogSanitizer::sanitizeError(error) +
                                             (folder ? " (reading a WAL database needs its -shm file, which SQLite "
@@ -162,7 +164,7 @@ std::unique_ptr<SQLiteFile> admit(const std::filesystem::path& path, Access acce
                                                     : ""));
     }
     empty = tables.empty();
-    if (empty) return file;
+    if (access == Access::examines || empty) return file;
     if (!holdsName(tables, "notification")) {
         throw CommandError(unavailable, cannotOpen +
                                             "not a notification database (no table \"notification\"; its tables: " +
@@ -586,6 +588,22 @@ int commandContains(Context& context) {
     return answerWhether(context, value);
 }
 
+int commandCheck(Context& context) {
+    const auto path = databasePath(context.arguments);
+    std::error_code error;
+    if (std::filesystem::is_directory(path, error)) {
+        throw CommandError(unavailable, "cannot open " + path.string() + ": " + std::strerror(EISDIR));
+    }
+    if (!std::filesystem::exists(path, error)) {
+        throw CommandError(unavailable, "cannot open " + path.string() + ": " + std::strerror(ENOENT));
+    }
+    bool empty = false;
+    admit(path, Access::examines, empty).reset();
+    const bool sound = checkDatabase(
+        path, context.log, [&] { return createStore(context.arguments, false); }, context.arguments.json, std::cout);
+    return sound ? success : answeredFalse;
+}
+
 int commandWatch(Context& context) {
     std::optional<std::int64_t> count;
     if (context.arguments.count) {
@@ -641,7 +659,7 @@ void addIDs(CLI::App& command, Arguments& arguments) {
 const std::string kindHelp = validValues<NotificationKind>();
 const std::string statusHelp = validValues<NotificationStatus>();
 
-const std::array<Command, 13> commands{{
+const std::array<Command, 14> commands{{
     {"path", "print the database file's path", Access::none, "print {\"path\": PATH}", [](CLI::App&, Arguments&) {},
      commandPath},
     {"receive", "take a JSON array of notifications through the updater (save each, then prune)", Access::writes, "",
@@ -669,6 +687,8 @@ const std::array<Command, 13> commands{{
      commandList},
     {"count", "print the number of stored notifications", Access::reads, "print {\"count\": N}",
      [](CLI::App&, Arguments&) {}, commandCount},
+    {"check", "examine the file without changing it; status 1 when anything is wrong", Access::examines,
+     "print the report as one JSON object", [](CLI::App&, Arguments&) {}, commandCheck},
     {"mark", "set the status of notifications", Access::writes, "",
      [](CLI::App& command, Arguments& arguments) {
          command.add_option("--status", arguments.status, statusHelp)->required()->type_name("STATUS");
@@ -717,14 +737,14 @@ const std::array<Command, 13> commands{{
      commandWatch},
 }};
 
-const std::array<HelpNote, 4> notes{{
+const std::array<HelpNote, 5> notes{{
     {"EXIT STATUS",
-     "0 success (and \"true\"); 1 \"false\", an id that a command names and the database does not hold, a watch "
-     "that timed out or a reset not confirmed; 2 a usage or input error, also a command that writes under "
-     "--read-only; 3 the database cannot be used: missing (without --create), not an SQLite database, not a "
-     "notification database, or not writable for a command that writes (for watch: no session bus); 4 the store "
-     "reported a failure while the command ran, or the file shows that a change did not land: the failure is on "
-     "standard error and nothing on standard output is an answer."},
+     "0 success (and \"true\"); 1 \"false\", an id that a command names and the database does not hold, a check "
+     "that finds something wrong, a watch that timed out or a reset not confirmed; 2 a usage or input error, also "
+     "a command that writes under --read-only; 3 the database cannot be used: missing (without --create), not an "
+     "SQLite database, not a notification database, or not writable for a command that writes (for watch: no "
+     "session bus); 4 the store reported a failure while the command ran, or the file shows that a change did "
+     "not land: the failure is on standard error and nothing on standard output is an answer."},
     {"DATABASE",
      "Without --database the tool works on the user's NotificationDatabase.sqlite below $XDG_DATA_HOME (else "
      "~/.local/share) in Vantro/Default/Databases, which the first command that writes creates. A --database "
@@ -735,6 +755,13 @@ const std::array<HelpNote, 4> notes{{
      "not found: 9\"), check the file afterwards, and post their change notices before they exit. reset asks "
      "first when standard input is a terminal, unless --yes. Ids are given as words, commas or both (\"7 8\", "
      "\"7,8\")."},
+    {"CHECK",
+     "check reads the file and changes nothing: SQLite's integrity and foreign-key checks, the journal mode, the "
+     "tables, foreign key and index against the ones the store creates (each difference named), every row the "
+     "store cannot read with its id and the reason, buttons that point at no stored notification, notifications "
+     "with more than one button, and per customer the count, the oldest and newest date and what the next prune "
+     "removes (over 100, or 30 days old or older). Its last line is \"FILE: sound\" or \"FILE: not sound: "
+     "WHAT\", with status 0 or 1; --json gives the same as one object."},
     {"LIST",
      "list filters the notifications the store reads: --ids, --status, --kind, --customer (exact text), --since "
      "(a date in UTC, \"2099-01-01\" or \"2099-01-01 10:00\", or RFC 3339 with a zone) and --limit, which keeps "
@@ -817,7 +844,7 @@ void checkOptions(const Command& command, const Arguments& arguments) {
         throw CommandError(usageError, name + " writes to the database; drop --read-only");
     }
     if (arguments.create && arguments.readOnly) throw CommandError(usageError, "--create writes; drop --read-only");
-    if (arguments.create && command.access == Access::none) {
+    if (arguments.create && (command.access == Access::none || command.access == Access::examines)) {
         throw CommandError(usageError, name + ": --create does not apply; " + name + " creates no database");
     }
     if (name == "watch" && arguments.database) {

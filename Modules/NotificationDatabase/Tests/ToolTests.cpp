@@ -56,8 +56,8 @@ const std::vector<Row> rows = {
     // Reading never writes: a missing file is reported and nothing is created, not even by path.
     {"ndb --database nope/sub/typo.sqlite list", "", "",
      "notificationdb: cannot open nope/sub/typo.sqlite: No such file or directory\n", 3, {}, {"nope"}},
-    {"for c in list count 'contains-version 1' 'contains --kind ai --customer c'; do db $c; echo $?; done", "",
-     "3\n3\n3\n3\n", "notificationdb: cannot open db.sqlite: No such file or directory\n", 0, {}, {"db.sqlite"}},
+    {"for c in list count 'contains-version 1' 'contains --kind ai --customer c' check; do db $c; echo $?; done", "",
+     "3\n3\n3\n3\n3\n", "notificationdb: cannot open db.sqlite: No such file or directory\n", 0, {}, {"db.sqlite"}},
     // Nor does writing, unless asked: a mistyped path is an error; --create makes file and folders,
     // also for a read; the user's own database is made by the first write.
     {"for c in 'receive sample.json' cleanup 'mark --status read 7' 'delete 7' 'reset --yes'; do ndb --database nope/db.sqlite $c; echo $?; done",
@@ -104,7 +104,7 @@ const std::vector<Row> rows = {
     // One style: the version, our own message for every usage error, reasons from the system.
     {"ndb --version", "", "notificationdb 159.0.0 (PROGRAM:NotificationDatabase  PROJECT:Modules-159)\n", ""},
     {"ndb frobnicate", "", "", "notificationdb: unknown command 'frobnicate'; commands: path, receive, cleanup, "
-     "list, count, mark, buttons, delete, delete-kind, reset, contains-version, contains, watch\n", 2},
+     "list, count, check, mark, buttons, delete, delete-kind, reset, contains-version, contains, watch\n", 2},
     {"ndb watch --count 0", "", "", "notificationdb: watch: --count must be 1 or more\n", 2},
     {"db watch", "", "", "notificationdb: watch: --database does not apply: the change notice names no file, so watch "
      "hears the notices of every database of the user\n", 2},
@@ -152,6 +152,24 @@ const std::vector<Row> rows = {
      "'--limit 2' '--customer c-1 --status new --kind vantroUpdate'; do db list --json $f | grep -c '\"notification\": {'; done",
      "", "0\n2\n1\n1\n2\n2\n1\n", ""},
 
+    // check reads without changing anything: a sound file (with a customer over the limit, all
+    // 30 days old) is sound; each damage is named; a scribbled page shows in the JSON.
+    {R"(seed && sql "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 101) INSERT INTO notification
+        (customerId, createdDate, version, analyticsTag, isMarketing, status, notificationKind)
+        SELECT 'c-2', '2000-01-01 00:00:0' || (i % 10), i, 't', 0, 0, 0 FROM n" && cp db.sqlite before && db check && cmp db.sqlite before)",
+     "", "rows: 104 notifications, 1 button; every row reads\norphan buttons: none\nnotifications with more than one button: none\n"
+     "customers: 3\n  no customer: 1 notification, 2099-01-01 01:30:00.000 to 2099-01-01 01:30:00.000\n  \"c-1\": 2 "
+     "notifications, 2099-01-01 00:00:00.000 to 2099-01-02 03:04:05.678\n  \"c-2\": 101 notifications, 2000-01-01 "
+     "00:00:00.000 to 2000-01-01 00:00:09.000, 1 over the limit of 100, 101 30 days old or older\ndb.sqlite: sound\n", ""},
+    {R"sh(seed && sql "PRAGMA foreign_keys = OFF; DROP INDEX notificationButton_on_notificationId; ALTER TABLE notification
+        ADD COLUMN extra; UPDATE notification SET status = 7 WHERE id = 8; INSERT INTO notificationButton(visible,
+        notificationId) VALUES (1, 7), (0, 99)" && cp db.sqlite before; db check; echo $?; cmp db.sqlite before)sh",
+     "", "foreign keys: 1 violation\n  notificationButton row 3 refers to a missing row of notification\njournal mode: wal\n"
+     "schema: 2 differences\n  column notification.extra is not expected\n  index notificationButton_on_notificationId is "
+     "missing\nrows: 3 notifications, 3 buttons; 1 cannot be read\n  notification 8: could not read column \"status\" of "
+     "\"notification\": integer is no NotificationStatus\norphan buttons: 1\n  button 3 points at notification 99, which "
+     "is not stored\nnotifications with more than one button: 1\n  notification 7 has buttons 1, 2\n", ""},
+    {"seed && scribble && db check --json", "", "\"sound\": false,\n  \"problems\": [\n    \"integrity\",", "", 1},
 
     // Help that ships: the manual page renders, the completion completes, each command's help
     // shows the global options once.
