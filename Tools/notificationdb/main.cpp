@@ -737,7 +737,7 @@ const std::array<Command, 14> commands{{
      commandWatch},
 }};
 
-const std::array<HelpNote, 5> notes{{
+const std::array<HelpNote, 9> notes{{
     {"EXIT STATUS",
      "0 success (and \"true\"); 1 \"false\", an id that a command names and the database does not hold, a check "
      "that finds something wrong, a watch that timed out or a reset not confirmed; 2 a usage or input error, also "
@@ -771,6 +771,28 @@ const std::array<HelpNote, 5> notes{{
      "field name, absent fields null. Output writes enumerations as integers and dates as UTC text "
      "\"2024-03-05 17:04:09.250\"; input also takes case names in any letter case, RFC 3339 dates with a zone "
      "(\"2026-11-01T12:00:00+02:00\") and seconds since 1970. list --json prints what receive takes back."},
+    {"EXAMPLES",
+     "The unread notifications of one customer since November, newest first:\n"
+     "  notificationdb list --customer c-1 --status new --since 2026-11-01 --limit 20\n\n"
+     "Examine a database file that a user sent, then read it:\n"
+     "  notificationdb --database ./NotificationDatabase.sqlite check\n"
+     "  notificationdb --database ./NotificationDatabase.sqlite list --json > notifications.json\n\n"
+     "Start a new database elsewhere and fill it from that JSON:\n"
+     "  notificationdb --database /tmp/new.sqlite --create receive notifications.json\n\n"
+     "Mark two notifications read and wait for the change notice in another terminal:\n"
+     "  notificationdb watch --count 1 --timeout 30\n"
+     "  notificationdb mark --status read 7,8",
+     true},
+    {"ENVIRONMENT",
+     "XDG_DATA_HOME, HOME: where the user's database lies (see DATABASE). DBUS_SESSION_BUS_ADDRESS: the session "
+     "bus on which commands that write post databaseUpdatedNotification and watch listens for it.",
+     true},
+    {"FILES",
+     "The user's database (~/.local/share in place of an unset $XDG_DATA_HOME), with SQLite's -wal and -shm files "
+     "beside it:\n"
+     "  $XDG_DATA_HOME/Vantro/Default/Databases/NotificationDatabase.sqlite",
+     true},
+    {"SEE ALSO", "sqlite3(1), dbus-monitor(1)", true},
 }};
 
 std::string commandNames() {

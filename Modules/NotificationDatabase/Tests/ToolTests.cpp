@@ -177,8 +177,11 @@ const std::vector<Row> rows = {
         source "$NDB_DOCS/notificationdb.bash-completion"
         try() { COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _notificationdb; echo "${COMPREPLY[*]}"; }
         try notificationdb de; try notificationdb --database x delete-kind n; try notificationdb mark --status ""
-        for c in path receive watch; do ndb $c --help | grep -c -- '--database PATH'; done)",
-     "", "       delete-kind KIND\ndelete delete-kind\nnewApp\nnew shown read\n1\n1\n1\n", ""},
+        try notificationdb list --status read --da; try notificationdb --database=sa; try notificationdb list --kind=n
+        try notificationdb list --kind = n; for c in path receive watch; do ndb $c --help | grep -c -- '--database PATH'; done
+        MANWIDTH=80 man -l "$NDB_DOCS/notificationdb.1" | grep -cxE 'EXIT STATUS|EXAMPLES|ENVIRONMENT|FILES|SEE ALSO')",
+     "", "       delete-kind KIND\ndelete delete-kind\nnewApp\nnew shown read\n--database\n--database=sample.json\n"
+     "--kind=newApp\nnewApp\n1\n1\n1\n5\n", ""},
 
     // A watcher hears another process's write, which posts its notices before it exits.
     {"ndb watch --count 1 --timeout 30 >heard 2>watching &\n"
