@@ -143,6 +143,18 @@ std::shared_ptr<NotificationDatabaseImpl> createStore(const Arguments& arguments
     }
 }
 
+// Why there is no file at `path` ("No such file or directory"); empty when there is one. A
+// folder there is an error.
+std::string missingFile(const std::filesystem::path& path) {
+    std::error_code error;
+    const auto status = std::filesystem::status(path, error);
+    if (std::filesystem::is_directory(status)) {
+        throw CommandError(unavailable, "cannot open " + path.string() + ": " + std::strerror(EISDIR));
+    }
+    if (std::filesystem::exists(status)) return {};
+    return error && error != std::errc::no_such_file_or_directory ? error.message() : std::strerror(ENOENT);
+}
+
 // Lets the command go on with the existing file at `path` only when it is the kind of file the
 // command can work on: an SQLite database that holds the table "notification" (anything else
 // belongs to another program and stays untouched) or no table at all (`empty`: a database yet
@@ -197,22 +209,16 @@ public:
         if (store_) return store_;
         const auto path = databasePath(arguments);
         const bool writes = command_.access == Access::writes;
-        std::error_code error;
-        const auto status = std::filesystem::status(path, error);
-        if (std::filesystem::is_directory(status)) {
-            throw CommandError(unavailable, "cannot open " + path.string() + ": " + std::strerror(EISDIR));
-        }
+        const auto missing = missingFile(path);
         // A missing file, or one without tables, is a database yet to be made.
-        bool empty = !std::filesystem::exists(status);
+        bool empty = !missing.empty();
         if (!empty) file_ = admit(path, command_.access, empty);
         if (empty && (arguments.create || (writes && !arguments.database))) {
             // A read gets the new database set up first, so that it has tables to read.
             if (!writes) createStore(arguments, true).reset();
         } else if (empty) {
-            const std::string reason = file_ ? "it holds no notification tables yet"
-                                       : error && error != std::errc::no_such_file_or_directory ? error.message()
-                                                                                                : std::strerror(ENOENT);
-            throw CommandError(unavailable, "cannot open " + path.string() + ": " + reason +
+            throw CommandError(unavailable, "cannot open " + path.string() + ": " +
+                                                (file_ ? "it holds no notification tables yet" : missing) +
                                                 (writes ? "; --create makes a new database there" : ""));
         }
         store_ = createStore(arguments, writes);
@@ -590,12 +596,8 @@ int commandContains(Context& context) {
 
 int commandCheck(Context& context) {
     const auto path = databasePath(context.arguments);
-    std::error_code error;
-    if (std::filesystem::is_directory(path, error)) {
-        throw CommandError(unavailable, "cannot open " + path.string() + ": " + std::strerror(EISDIR));
-    }
-    if (!std::filesystem::exists(path, error)) {
-        throw CommandError(unavailable, "cannot open " + path.string() + ": " + std::strerror(ENOENT));
+    if (const auto missing = missingFile(path); !missing.empty()) {
+        throw CommandError(unavailable, "cannot open " + path.string() + ": " + missing);
     }
     bool empty = false;
     admit(path, Access::examines, empty).reset();
