@@ -93,7 +93,10 @@ struct Report {
 };
 
 std::string inQuotes(std::string_view name) {
-    return "\"" + std::string(name) + "\"";
+    std::string text(1, '"');
+    text += name;
+    text += '"';
+    return text;
 }
 
 std::string joined(const IDs& ids) {

@@ -100,8 +100,12 @@ bool holdsName(const std::vector<std::string>& names, std::string_view name) {
 
 std::string jsonArray(const std::vector<std::int64_t>& ids) {
     std::string text = "[";
-    for (const auto id : ids) text += (text.size() > 1 ? "," : "") + std::to_string(id);
-    return text + "]";
+    for (const auto id : ids) {
+        if (text.size() > 1) text += ',';
+        text += std::to_string(id);
+    }
+    text += ']';
+    return text;
 }
 
 }  // namespace notificationdb::tool
