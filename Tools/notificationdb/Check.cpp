@@ -74,6 +74,7 @@ struct Report {
     std::vector<std::pair<std::int64_t, IDs>> crowded;
     std::vector<Customer> customers;
     std::map<std::string, std::string> notChecked;  // step: why it could not run
+    bool rowsLookedAt = false;                      // false when the tables are not there to look at
 
     // The names of what is wrong; empty for a sound file.
     std::vector<std::string> problems() const {
@@ -312,6 +313,7 @@ void summariseCustomers(const std::vector<NotificationModelInfo>& readable, Repo
 
 void examineRows(SQLiteFile& file, StoreLog& log,
                  const std::function<std::shared_ptr<NotificationDatabaseImpl>()>& openStore, Report& report) {
+    report.rowsLookedAt = true;
     run(report, "row count", [&] {
         report.notifications = file.integer(R"(SELECT count(*) FROM "notification")");
         report.buttons = file.integer(R"(SELECT count(*) FROM "notificationButton")");
@@ -421,14 +423,15 @@ void printText(std::ostream& out, const std::string& path, const Report& report)
                              ? " points at notification " + std::to_string(*notification) + ", which is not stored"
                              : " belongs to no notification"));
     }
-    section("orphan buttons", "orphan buttons", lines, "none", std::to_string(lines.size()));
+    const std::string none = report.rowsLookedAt ? "none" : "not read";
+    section("orphan buttons", "orphan buttons", lines, none, std::to_string(lines.size()));
     lines.clear();
     for (const auto& [notification, buttons] : report.crowded)
         lines.push_back("notification " + std::to_string(notification) + " has buttons " + joined(buttons));
-    section("notifications with more than one button", "second buttons", lines, "none", std::to_string(lines.size()));
+    section("notifications with more than one button", "second buttons", lines, none, std::to_string(lines.size()));
     lines.clear();
     for (const auto& customer : report.customers) lines.push_back(customerLine(customer));
-    section("customers", "rows", lines, "none", std::to_string(lines.size()));
+    section("customers", "rows", lines, none, std::to_string(lines.size()));
     lines.clear();
     for (const auto& [step, reason] : report.notChecked) lines.push_back(step + ": " + reason);
     if (!lines.empty()) section("not checked", "", lines, "", std::to_string(lines.size()));

@@ -170,10 +170,12 @@ std::unique_ptr<SQLiteFile> admit(const std::filesystem::path& path, Access acce
     } catch (const EngineError& error) {
         if (access == Access::examines && file && error.resultCode() == SQLITE_CORRUPT) return file;
         const bool folder = error.extendedResultCode() == SQLITE_READONLY_DIRECTORY;
+        const bool damaged = error.resultCode() == SQLITE_CORRUPT;
         throw CommandError(unavailable, cannotOpen + LogSanitizer::sanitizeError(error) +
-                                            (folder ? " (reading a WAL database needs its -shm file, which SQLite "
-                                                      "cannot create in a folder this user may not write)"
-                                                    : ""));
+                                            (folder    ? " (reading a WAL database needs its -shm file, which SQLite "
+                                                         "cannot create in a folder this user may not write)"
+                                             : damaged ? "; 'notificationdb check' examines what is left"
+                                                       : ""));
     }
     empty = tables.empty();
     if (access == Access::examines || empty) return file;
