@@ -163,12 +163,12 @@ const std::vector<Row> rows = {
      "00:00:00.000 to 2000-01-01 00:00:09.000, 1 over the limit of 100, 101 30 days old or older\ndb.sqlite: sound\n", ""},
     {R"sh(seed && sql "PRAGMA foreign_keys = OFF; DROP INDEX notificationButton_on_notificationId; ALTER TABLE notification
         ADD COLUMN extra; UPDATE notification SET status = 7 WHERE id = 8; INSERT INTO notificationButton(visible,
-        notificationId) VALUES (1, 7), (0, 99)" && cp db.sqlite before; db check; echo $?; cmp db.sqlite before)sh",
+        notificationId) VALUES (1, 7), (0, 99)" && cp db.sqlite before; db check; s=$?; cmp db.sqlite before || s=9; exit $s)sh",
      "", "foreign keys: 1 violation\n  notificationButton row 3 refers to a missing row of notification\njournal mode: wal\n"
      "schema: 2 differences\n  column notification.extra is not expected\n  index notificationButton_on_notificationId is "
      "missing\nrows: 3 notifications, 3 buttons; 1 cannot be read\n  notification 8: could not read column \"status\" of "
      "\"notification\": integer is no NotificationStatus\norphan buttons: 1\n  button 3 points at notification 99, which "
-     "is not stored\nnotifications with more than one button: 1\n  notification 7 has buttons 1, 2\n", ""},
+     "is not stored\nnotifications with more than one button: 1\n  notification 7 has buttons 1, 2\n", "", 1},
     {"seed && scribble && db check --json", "", "\"sound\": false,\n  \"problems\": [\n    \"integrity\",", "", 1},
 
     // Help that ships: the manual page renders, the completion completes, each command's help
