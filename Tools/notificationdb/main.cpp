@@ -264,8 +264,10 @@ public:
 private:
     const Command& command_;
     const CLI::App& app_;
-    std::unique_ptr<SQLiteFile> file_;
     std::shared_ptr<NotificationDatabaseImpl> store_;
+    // Closed before the store: the last connection to close folds the WAL back into the file,
+    // which a read-only one cannot do.
+    std::unique_ptr<SQLiteFile> file_;
 };
 
 // --- reading arguments and input ---------------------------------------------------------------

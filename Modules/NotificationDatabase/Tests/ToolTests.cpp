@@ -127,10 +127,11 @@ const std::vector<Row> rows = {
     {R"sh(seed && script -qec "$NDB_TOOL --database db.sqlite reset" /dev/null; echo " status=$? $(db count)"; db reset; db count)sh",
      "n\n", "reset not confirmed; nothing deleted\r\n status=1 3\n3 notifications and 1 button deleted\n0\n", ""},
     // The writing commands change what they name and say so; ids not stored make the status 1.
+    // The changes are in the file itself when they exit, not left in its WAL.
     {R"(seed && db cleanup && db mark --status shown 7,8 && db buttons --hide 7 8 && db delete 8 && db delete-kind default &&
         sql "SELECT id, status FROM notification; SELECT visible FROM notificationButton"; db mark --status read 7,9 10; db delete 7 99; echo $?)",
      "", "stored notifications: 3 before, 3 after\n2 marked shown\n1 hidden, 1 without a button\n1 deleted\n1 deleted\n7|1\n0\n"
-     "1 marked read, 2 not found: 9, 10\n1 deleted, 1 not found: 99\n1\n", ""},
+     "1 marked read, 2 not found: 9, 10\n1 deleted, 1 not found: 99\n1\n", "", 0, {}, {"db.sqlite-wal"}},
 
     // Input people have: RFC 3339 dates with an offset and any fraction, names in any letter case.
     {"db --create receive >/dev/null && db list --json",
