@@ -216,7 +216,9 @@ public:
         bool empty = !missing.empty();
         if (!empty) file_ = admit(path, command_.access, empty);
         if (empty && (arguments.create || (writes && !arguments.database))) {
-            // A read gets the new database set up first, so that it has tables to read.
+            // A read gets the new database set up first, so that it has tables to read; alone on
+            // the file, so that the set-up lands in it and not in its WAL.
+            file_.reset();
             if (!writes) createStore(arguments, true).reset();
         } else if (empty) {
             throw CommandError(unavailable, "cannot open " + path.string() + ": " +
