@@ -53,15 +53,27 @@ std::string roff(std::string_view text) {
     return out;
 }
 
-// Paragraphs separated by blank lines, each filled by roff.
+// Paragraphs separated by blank lines, each filled by roff but for lines that start with two
+// spaces, which are indented and kept as they are.
 void writeParagraphs(std::ostream& out, std::string_view text) {
     bool first = true;
     for (std::size_t start = 0; start <= text.size();) {
         std::size_t end = text.find("\n\n", start);
         if (end == std::string_view::npos) end = text.size();
         if (!first) out << ".PP\n";
-        out << roff(text.substr(start, end - start)) << '\n';
         first = false;
+        bool literal = false;
+        for (std::size_t line = start; line < end;) {
+            const std::size_t stop = std::min(text.find('\n', line), end);
+            const std::string_view words = text.substr(line, stop - line);
+            if (words.starts_with("  ") != literal) {
+                literal = !literal;
+                out << (literal ? ".RS 4\n.nf\n" : ".fi\n.RE\n");
+            }
+            out << roff(literal ? words.substr(2) : words) << '\n';
+            line = stop + 1;
+        }
+        if (literal) out << ".fi\n.RE\n";
         start = end + 2;
     }
 }
@@ -82,9 +94,10 @@ void writeManualOptions(std::ostream& out, const std::vector<const CLI::Option*>
 }
 
 // The cases of a completion's `case $command/$prev` for one command (`command` empty for the
-// words before any command).
-void writeCompletionCases(std::ostream& out, const std::string& command, const CLI::App& app,
-                          const std::vector<const CLI::App*>& commands, const ValueWords& words) {
+// words before any command); `extra` are words offered besides its own options (the global
+// options, or the command names).
+void writeCompletionCases(std::ostream& out, const std::string& command, const CLI::App& app, const std::string& extra,
+                          const ValueWords& words) {
     const auto options = shownOptions(app);
     for (const CLI::Option* option : options) {
         if (option->get_positional() || !takesValue(*option)) continue;
@@ -105,8 +118,7 @@ void writeCompletionCases(std::ostream& out, const std::string& command, const C
             list += " " + values;
         }
     }
-    for (const CLI::App* sub : commands) list += " " + sub->get_name();
-    out << "        " << command << "/*) words=\"" << list << "\"" << (files ? " files=1" : "") << " ;;\n";
+    out << "        " << command << "/*) words=\"" << list << extra << "\"" << (files ? " files=1" : "") << " ;;\n";
 }
 
 }  // namespace
@@ -126,6 +138,7 @@ std::string notesHelp(std::span<const HelpNote> notes) {
     constexpr std::size_t width = 100;
     std::string text;
     for (const HelpNote& note : notes) {
+        if (note.manualOnly) continue;
         text += (text.empty() ? "" : "\n") + std::string(note.title) + ":\n";
         std::size_t column = 0;
         for (std::size_t start = 0; start < note.text.size();) {
@@ -182,30 +195,46 @@ void writeBashCompletion(std::ostream& out, const CLI::App& app, const ValueWord
     std::string function = "_" + name;
     for (char& character : function) character = std::isalnum(static_cast<unsigned char>(character)) ? character : '_';
 
-    std::string globalValueOptions;
+    // Global options may stand before or after the command; --version stands alone.
+    std::string globalValueOptions, globalOptions, commandNames;
     for (const CLI::Option* option : shownOptions(app)) {
         if (takesValue(*option)) globalValueOptions += (globalValueOptions.empty() ? "" : "|") + nameOf(*option);
+        if (option->get_lnames().front() != "version") globalOptions += " " + nameOf(*option);
     }
+    const auto commands = commandsOf(app);
+    for (const CLI::App* command : commands) commandNames += " " + command->get_name();
     out << "# bash completion for " << name << "; written by `" << name << " --generate-completion`.\n"
         << function << "() {\n"
-        << "    local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD-1]} command= words= files= i\n"
+        << "    local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD-1]} command= words= files= prefix= i\n"
+        << "    # --option=value: one word, or three where \"=\" breaks words\n"
+        << "    if [[ $cur == --*=* ]]; then\n"
+        << "        prev=${cur%%=*} prefix=${cur%%=*}= cur=${cur#*=}\n"
+        << "    elif [[ $cur == = ]]; then\n"
+        << "        cur=\n"
+        << "    elif [[ $prev == = ]]; then\n"
+        << "        prev=${COMP_WORDS[COMP_CWORD-2]}\n"
+        << "    fi\n"
         << "    for ((i = 1; i < COMP_CWORD; i++)); do\n"
         << "        case ${COMP_WORDS[i]} in\n";
-    if (!globalValueOptions.empty()) out << "            " << globalValueOptions << ") ((i++)) ;;\n";
+    if (!globalValueOptions.empty()) {
+        out << "            " << globalValueOptions << ") [[ ${COMP_WORDS[i+1]} == = ]] && ((i++)); ((i++)) ;;\n";
+    }
     out << "            -*) ;;\n"
         << "            *) command=${COMP_WORDS[i]}; break ;;\n"
         << "        esac\n"
         << "    done\n"
         << "    case $command/$prev in\n";
-    const auto commands = commandsOf(app);
-    writeCompletionCases(out, "", app, commands, words);
-    for (const CLI::App* command : commands) writeCompletionCases(out, command->get_name(), *command, {}, words);
+    writeCompletionCases(out, "", app, commandNames, words);
+    for (const CLI::App* command : commands) {
+        writeCompletionCases(out, command->get_name(), *command, globalOptions, words);
+    }
     out << "    esac\n"
         << "    COMPREPLY=($(compgen -W \"$words\" -- \"$cur\"))\n"
         << "    if [[ -n $files ]]; then\n"
         << "        compopt -o filenames 2>/dev/null\n"
         << "        COMPREPLY+=($(compgen -f -- \"$cur\"))\n"
         << "    fi\n"
+        << "    COMPREPLY=(\"${COMPREPLY[@]/#/$prefix}\")\n"
         << "}\n"
         << "complete -F " << function << ' ' << name << '\n';
 }

@@ -17,7 +17,10 @@ namespace notificationdb::tool {
 // A section of text that the help's footer shows and the manual page prints under its title.
 struct HelpNote {
     std::string_view title;  // "EXIT STATUS"
-    std::string_view text;   // paragraphs separated by blank lines
+    // Paragraphs separated by blank lines; a line that starts with two spaces is shown as it is
+    // (a command in an example).
+    std::string_view text;
+    bool manualOnly = false;  // shown on the manual page but not in --help
 };
 
 // The words that complete a value of an option or argument of this type name ("KIND"); empty
@@ -28,7 +31,7 @@ using ValueWords = std::function<std::string(std::string_view typeName)>;
 // each command: "Global options:" and one line per option.
 std::string globalOptionsHelp(const CLI::App& app);
 
-// The notes as the help's footer: each title followed by its text.
+// The notes as the help's footer: each title followed by its text (not the manual-only ones).
 std::string notesHelp(std::span<const HelpNote> notes);
 
 // A manual page in roff (section 1): name, synopsis, description, global options, every

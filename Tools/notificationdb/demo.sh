@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # A short real session of the notificationdb tool: a watcher process listens for the change
-# notice while other processes receive a batch of notifications, list them and mark one read.
+# notice while other processes receive a batch of notifications, list them, mark one read and
+# check the file.
 #
 #   demo.sh NOTIFICATIONDB [--real-home] [--keep]
 #
@@ -134,6 +135,9 @@ show count
 step "the user reads notification 101"
 show mark --status read 101
 show list --ids 101
+
+step "the file as support sees it first: read, never changed"
+show check
 
 step "the store's answers"
 show contains-version 3.2.0 || true

@@ -1,8 +1,9 @@
 // The notificationdb tool as people run it. Each row is a bash command line, run on a private
 // D-Bus session bus in a fresh directory that is also HOME, after the prelude below. A row gives
 // standard input, a fragment of standard output and one of standard error (empty: nothing may be
-// written there), the exit status, and files that must and must not exist afterwards. Every line
-// on standard error, in every row, is in the tool's style.
+// written there), the exit status, and files that must and must not exist afterwards (a row
+// states that a file is unchanged with cmp). Every line on standard error, in every row, is in
+// the tool's style.
 
 #include "Testing.hpp"
 
@@ -20,7 +21,9 @@ const fs::path toolPath = NDB_TOOL_PATH;
 const std::string prelude = R"(export HOME="$PWD" XDG_DATA_HOME="$PWD/share"
 ndb() { "$NDB_TOOL" "$@"; }                    # the tool
 db() { ndb --database db.sqlite "$@"; }        # the tool on ./db.sqlite
-seed() { db receive sample.json >/dev/null; }  # the three notifications below
+seed() { db --create receive sample.json >/dev/null; }  # the three notifications below, in a new file
+sql() { sqlite3 db.sqlite "$@"; }
+scribble() { dd if=/dev/zero of=db.sqlite bs=4096 seek=1 count=1 conv=notrunc status=none; }  # page 2: "notification"
 )";
 
 // Dated in 2099, so that the pruning after each receive keeps them: as RFC 3339 text in UTC,
@@ -53,8 +56,21 @@ const std::vector<Row> rows = {
     // Reading never writes: a missing file is reported and nothing is created, not even by path.
     {"ndb --database nope/sub/typo.sqlite list", "", "",
      "notificationdb: cannot open nope/sub/typo.sqlite: No such file or directory\n", 3, {}, {"nope"}},
-    {"for c in list count 'contains-version 1' 'contains --kind ai --customer c'; do db $c; echo $?; done", "",
-     "3\n3\n3\n3\n", "notificationdb: cannot open db.sqlite: No such file or directory\n", 0, {}, {"db.sqlite"}},
+    {"for c in list count 'contains-version 1' 'contains --kind ai --customer c' check; do db $c; echo $?; done", "",
+     "3\n3\n3\n3\n3\n", "notificationdb: cannot open db.sqlite: No such file or directory\n", 0, {}, {"db.sqlite"}},
+    // Nor does writing, unless asked: a mistyped path is an error; --create makes file and folders,
+    // also for a read; the user's own database is made by the first write.
+    {"for c in 'receive sample.json' cleanup 'mark --status read 7' 'delete 7' 'reset --yes'; do ndb --database nope/db.sqlite $c; echo $?; done",
+     "", "3\n3\n3\n3\n3\n", "notificationdb: cannot open nope/db.sqlite: No such file or directory; --create makes a new "
+     "database there\n", 0, {}, {"nope"}},
+    {"ndb --database new/sub/db.sqlite --create count && ndb receive sample.json", "",
+     "0\nreceived 3 entries; stored notifications: 0 before, 3 after\n", "", 0,
+     {"new/sub/db.sqlite", "share/Vantro/Default/Databases/NotificationDatabase.sqlite"}},
+    // Another program's database is refused by every command, and stays as it was (not even WAL).
+    {"sql 'CREATE TABLE a(x)' && cp db.sqlite before && for c in count 'list --json' '--create receive sample.json' "
+     "'reset --yes' 'delete 1' 'contains-version 1'; do db $c; echo $?; done; cmp db.sqlite before", "", "3\n3\n3\n3\n3\n3\n",
+     "notificationdb: cannot open db.sqlite: not a notification database (no table \"notification\"; its tables: \"a\")\n",
+     0, {}, {"db.sqlite-wal"}},
     {"ndb count", "", "", "/share/Vantro/Default/Databases/NotificationDatabase.sqlite: No such file or directory\n",
      3, {}, {"share"}},
     {"ndb path && ndb path --json", "",
@@ -65,14 +81,34 @@ const std::vector<Row> rows = {
     {R"(seed && sqlite3 db.sqlite "BEGIN IMMEDIATE" "DELETE FROM notification" ".shell \"$NDB_TOOL\" --database db.sqlite count; echo read=\$?" ROLLBACK)",
      "", "3\nread=0\n", ""},
     // A bare file name lies in the current directory: no folder to create, nothing logged.
-    {"db receive sample.json", "", "received 3 entries; stored notifications: 0 before, 3 after\n", "", 0,
+    {"db --create receive sample.json", "", "received 3 entries; stored notifications: 0 before, 3 after\n", "", 0,
      {"db.sqlite"}},
 
+    // A failure is never an answer. On a damaged page every command fails with status 4 and prints
+    // nothing; a table of an older shape counts but does not list.
+    {"seed && scribble && for c in list 'list --json' count 'contains-version nope' 'contains --kind ai --customer c-1' "
+     "'receive sample.json' cleanup 'mark --status read 7' 'buttons --hide 7' 'delete 7' 'delete-kind newApp' "
+     "'reset --yes'; do db $c >out; echo $? $(wc -c <out); done", "", "4 0\n4 0\n4 0\n4 0\n4 0\n4 0\n4 0\n4 0\n4 0\n4 0\n4 0\n4 0\n",
+     "notificationdb: db.sqlite: Unable to read wrapped notifications: SQLite error 11 (SQLITE_CORRUPT): database disk "
+     "image is malformed\nnotificationdb: list: the store failed on db.sqlite (its message above); no answer printed\n"},
+    {"sql 'CREATE TABLE notification(id INTEGER PRIMARY KEY, version TEXT); CREATE TABLE notificationButton(id, "
+     "notificationId); INSERT INTO notification VALUES (1, 1)' && db count && db list; echo $?", "", "1\n4\n",
+     "notificationdb: db.sqlite: Unable to read wrapped notifications: SQLite error 1 (SQLITE_ERROR): no such column"},
+    // Failures the store drops without a word show in the file afterwards.
+    {R"(seed && sql "CREATE TRIGGER k BEFORE DELETE ON notification BEGIN SELECT RAISE(ABORT, 'kept'); END;
+        CREATE TRIGGER i BEFORE UPDATE ON notificationButton BEGIN SELECT RAISE(IGNORE); END;
+        CREATE TRIGGER j BEFORE UPDATE ON notification BEGIN SELECT RAISE(IGNORE); END" &&
+        for c in 'buttons --hide 7' 'mark --status new 7' 'delete 7' 'delete-kind newApp' 'reset --yes'; do db $c; echo $?; done)",
+     "", "4\n4\n4\n4\n4\n", "notificationdb: delete: db.sqlite: still stored: 7 (the store reported no failure)\n"},
+
     // One style: the version, our own message for every usage error, reasons from the system.
-    {"ndb --version", "", "notificationdb 159 (PROGRAM:NotificationDatabase  PROJECT:Modules-159)\n", ""},
+    {"ndb --version", "", "notificationdb 159.0.0 (PROGRAM:NotificationDatabase  PROJECT:Modules-159)\n", ""},
     {"ndb frobnicate", "", "", "notificationdb: unknown command 'frobnicate'; commands: path, receive, cleanup, "
-     "list, count, mark, buttons, delete, delete-kind, reset, contains-version, contains, watch\n", 2},
+     "list, count, check, mark, buttons, delete, delete-kind, reset, contains-version, contains, watch\n", 2},
     {"ndb watch --count 0", "", "", "notificationdb: watch: --count must be 1 or more\n", 2},
+    {"db watch", "", "", "notificationdb: watch: --database does not apply: the change notice names no file, so watch "
+     "hears the notices of every database of the user\n", 2},
+    {"db list --since tomorrow", "", "", "notificationdb: 'tomorrow' is not a date (", 2},
     {"ndb mark --status", "", "", "notificationdb: mark: --status needs a value; see 'notificationdb mark --help'\n", 2},
     {"ndb mark 7", "", "", "notificationdb: mark: missing --status; see 'notificationdb mark --help'\n", 2},
     {"ndb list --ids 1 --bogus", "", "", "notificationdb: list: unknown option '--bogus'", 2},
@@ -89,14 +125,16 @@ const std::vector<Row> rows = {
     // reset asks on a terminal (its echo and prompt come in either order) and takes no for an
     // answer; without a terminal it goes ahead.
     {R"sh(seed && script -qec "$NDB_TOOL --database db.sqlite reset" /dev/null; echo " status=$? $(db count)"; db reset; db count)sh",
-     "n\n", "reset not confirmed; nothing deleted\r\n status=1 3\n0\n", ""},
-    // The writing commands change what they name.
-    {R"(seed && db cleanup && db mark --status shown 7 && db buttons --hide 7 && db delete 8 && db delete-kind default &&
-        sqlite3 db.sqlite "SELECT id, status FROM notification; SELECT visible FROM notificationButton")",
-     "", "stored notifications: 3 before, 3 after\n7|1\n0\n", ""},
+     "n\n", "reset not confirmed; nothing deleted\r\n status=1 3\n3 notifications and 1 button deleted\n0\n", ""},
+    // The writing commands change what they name and say so; ids not stored make the status 1.
+    // The changes are in the file itself when they exit, not left in its WAL.
+    {R"(seed && db cleanup && db mark --status shown 7,8 && db buttons --hide 7 8 && db delete 8 && db delete-kind default &&
+        sql "SELECT id, status FROM notification; SELECT visible FROM notificationButton"; db mark --status read 7,9 10; db delete 7 99; echo $?)",
+     "", "stored notifications: 3 before, 3 after\n2 marked shown\n1 hidden, 1 without a button\n1 deleted\n1 deleted\n7|1\n0\n"
+     "1 marked read, 2 not found: 9, 10\n1 deleted, 1 not found: 99\n1\n", "", 0, {}, {"db.sqlite-wal"}},
 
     // Input people have: RFC 3339 dates with an offset and any fraction, names in any letter case.
-    {"db receive >/dev/null && db list --json",
+    {"db --create receive >/dev/null && db list --json",
      "[" + entry(R"("createdDate": "2099-11-01T12:00:00.1239+02:00", "status": "READ", "notificationKind": "newapp")") + "]",
      "\"createdDate\": \"2099-11-01 10:00:00.123\",", ""},
     // A malformed batch writes nothing; the message names entry, field and the valid values.
@@ -107,10 +145,32 @@ const std::vector<Row> rows = {
      "", "notificationdb: entry 1: field \"notification.createdDate\": \"2099-01-01 10:00:00.5\" is not a date", 2,
      {}, {"db.sqlite"}},
     // list --json goes back through receive unchanged, button and bytes included.
-    {"seed && db list --json >listed.json && ndb --database copy.sqlite receive listed.json >/dev/null && "
+    {"seed && db list --json >listed.json && ndb --database copy.sqlite --create receive listed.json >/dev/null && "
      "ndb --database copy.sqlite list --json | cmp - listed.json && grep -c '\"AP8Qf4A=\"' listed.json",
      "", "1\n", "", 0, {"copy.sqlite"}},
     {"seed && db list --ids 7,9", "", "#7  2099-01-02 03:04:05.678  newApp  read  customer \"c-1\"  app 42", ""},
+    {"seed && for f in '--customer nobody' '--customer c-1' '--status read' '--kind 3' '--since 2099-01-01T01:30:00Z' "
+     "'--limit 2' '--customer c-1 --status new --kind vantroUpdate'; do db list --json $f | grep -c '\"notification\": {'; done",
+     "", "0\n2\n1\n1\n2\n2\n1\n", ""},
+
+    // check reads without changing anything: a sound file (with a customer over the limit, all
+    // 30 days old) is sound; each damage is named; a scribbled page shows in the JSON.
+    {R"(seed && sql "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 101) INSERT INTO notification
+        (customerId, createdDate, version, analyticsTag, isMarketing, status, notificationKind)
+        SELECT 'c-2', '2000-01-01 00:00:0' || (i % 10), i, 't', 0, 0, 0 FROM n" && cp db.sqlite before && db check && cmp db.sqlite before)",
+     "", "rows: 104 notifications, 1 button; every row reads\norphan buttons: none\nnotifications with more than one button: none\n"
+     "customers: 3\n  no customer: 1 notification, 2099-01-01 01:30:00.000 to 2099-01-01 01:30:00.000\n  \"c-1\": 2 "
+     "notifications, 2099-01-01 00:00:00.000 to 2099-01-02 03:04:05.678\n  \"c-2\": 101 notifications, 2000-01-01 "
+     "00:00:00.000 to 2000-01-01 00:00:09.000, 1 over the limit of 100, 101 30 days old or older\ndb.sqlite: sound\n", ""},
+    {R"sh(seed && sql "PRAGMA foreign_keys = OFF; DROP INDEX notificationButton_on_notificationId; ALTER TABLE notification
+        ADD COLUMN extra; UPDATE notification SET status = 7 WHERE id = 8; INSERT INTO notificationButton(visible,
+        notificationId) VALUES (1, 7), (0, 99)" && cp db.sqlite before; db check; s=$?; cmp db.sqlite before || s=9; exit $s)sh",
+     "", "foreign keys: 1 violation\n  notificationButton row 3 refers to a missing row of notification\njournal mode: wal\n"
+     "schema: 2 differences\n  column notification.extra is not expected\n  index notificationButton_on_notificationId is "
+     "missing\nrows: 3 notifications, 3 buttons; 1 cannot be read\n  notification 8: could not read column \"status\" of "
+     "\"notification\": integer is no NotificationStatus\norphan buttons: 1\n  button 3 points at notification 99, which "
+     "is not stored\nnotifications with more than one button: 1\n  notification 7 has buttons 1, 2\n", "", 1},
+    {"seed && scribble && db check --json", "", "\"sound\": false,\n  \"problems\": [\n    \"integrity\",", "", 1},
 
     // Help that ships: the manual page renders, the completion completes, each command's help
     // shows the global options once.
@@ -118,15 +178,18 @@ const std::vector<Row> rows = {
         source "$NDB_DOCS/notificationdb.bash-completion"
         try() { COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _notificationdb; echo "${COMPREPLY[*]}"; }
         try notificationdb de; try notificationdb --database x delete-kind n; try notificationdb mark --status ""
-        for c in path receive watch; do ndb $c --help | grep -c -- --database; done)",
-     "", "       delete-kind KIND\ndelete delete-kind\nnewApp\nnew shown read\n1\n1\n1\n", ""},
+        try notificationdb list --status read --da; try notificationdb --database=sa; try notificationdb list --kind=n
+        try notificationdb list --kind = n; for c in path receive watch; do ndb $c --help | grep -c -- '--database PATH'; done
+        MANWIDTH=80 man -l "$NDB_DOCS/notificationdb.1" | grep -cxE 'EXIT STATUS|EXAMPLES|ENVIRONMENT|FILES|SEE ALSO')",
+     "", "       delete-kind KIND\ndelete delete-kind\nnewApp\nnew shown read\n--database\n--database=sample.json\n"
+     "--kind=newApp\nnewApp\n1\n1\n1\n5\n", ""},
 
     // A watcher hears another process's write, which posts its notices before it exits.
     {"ndb watch --count 1 --timeout 30 >heard 2>watching &\n"
      "until grep -qs watching watching || ! kill -0 $!; do sleep 0.05; done\n"
      "seed; wait $!; status=$?; cat heard; echo watch=$status",
      "", " UTC databaseUpdatedNotification\nwatch=0\n", ""},
-    {"ndb watch --count 1 --timeout 0.2", "", "", "notificationdb: timed out after hearing 0 of 1 notices\n", 1},
+    {"ndb watch --timeout 0.2", "", "", "notificationdb: timed out after hearing 0 notices\n", 1},
     {"DBUS_SESSION_BUS_ADDRESS=unix:path=$PWD/no-bus ndb watch", "", "",
      "notificationdb: cannot listen on the D-Bus session bus\n", 3},
 };
