@@ -3,6 +3,7 @@
 #include "JsonCoding.hpp"
 #include "SQLiteFile.hpp"
 
+#include <NotificationDatabase/Database/Names.hpp>
 #include <NotificationDatabase/Platform/LogSanitizer.hpp>
 
 #include <algorithm>

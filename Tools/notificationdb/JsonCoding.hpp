@@ -1,7 +1,7 @@
 #pragma once
 
 // JSON form of notifications for the notificationdb tool. Every record is coded through its
-// keyed coding (`RecordCoding<Record>::fields`, `encode`, `decode`), so a field added to a record
+// keyed coding (`fieldDescriptors<Record>`, `encodeRecord`, `decodeRecord`), so a field added to a record
 // shows up here without further code.
 //
 // One entry is {"notification": {...}, "notificationButton": {...} | null}, each record an object

@@ -1,7 +1,7 @@
 #include "SQLiteFile.hpp"
 
-#include <NotificationDatabase/DatabaseError.hpp>
-#include <NotificationDatabase/NotificationModel/EnumerationCases.hpp>
+#include <NotificationDatabase/Database/DatabaseError.hpp>
+#include <NotificationDatabase/Database/Names.hpp>
 
 #include <sqlite3.h>
 

@@ -17,7 +17,7 @@
 #include <NotificationDatabase/NotificationDatabaseConfig.hpp>
 #include <NotificationDatabase/NotificationUpdater/NotificationUpdaterImpl.hpp>
 #include <NotificationDatabase/Platform/DistributedNotificationCenter.hpp>
-#include <NotificationDatabase/Platform/EngineError.hpp>
+#include <NotificationDatabase/Database/DatabaseError.hpp>
 #include <NotificationDatabase/Platform/LogSanitizer.hpp>
 #include <NotificationDatabase/Platform/Logger.hpp>
 #include <NotificationDatabase/Platform/MainQueue.hpp>
@@ -167,7 +167,7 @@ std::unique_ptr<SQLiteFile> admit(const std::filesystem::path& path, Access acce
     try {
         file = std::make_unique<SQLiteFile>(path);
         tables = file->tableNames();
-    } catch (const EngineError& error) {
+    } catch (const DatabaseError& error) {
         if (access == Access::examines && file && error.resultCode() == SQLITE_CORRUPT) return file;
         const bool folder = error.extendedResultCode() == SQLITE_READONLY_DIRECTORY;
         const bool damaged = error.resultCode() == SQLITE_CORRUPT;
@@ -938,7 +938,7 @@ int execute(int argc, char** argv, StoreLog& log) {
     if (command.access != Access::none) log.setDatabase(context.path());
     try {
         return command.run(context);
-    } catch (const EngineError& error) {
+    } catch (const DatabaseError& error) {
         // The tool's own look at the file failed.
         throw CommandError(storeFailed,
                            context.name() + ": " + context.path() + ": " + LogSanitizer::sanitizeError(error));

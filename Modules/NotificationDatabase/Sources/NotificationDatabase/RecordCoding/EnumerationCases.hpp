@@ -1,13 +1,12 @@
 #pragma once
 
-#include <NotificationDatabase/Export.hpp>
+#include <NotificationDatabase/Database/Names.hpp>
 
 #include <array>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <span>
 #include <string_view>
 #include <type_traits>
 
@@ -25,11 +24,6 @@ concept CaseEnumeration = std::is_enum_v<Enumeration> && requires {
     { EnumerationCases<Enumeration>::names.size() } -> std::convertible_to<std::size_t>;
     { EnumerationCases<Enumeration>::typeName } -> std::convertible_to<std::string_view>;
 };
-
-// The position of `name` among `names`, compared without regard to ASCII letter case; nullopt
-// when it is none of them.
-NOTIFICATIONDB_API std::optional<std::size_t> findCaseName(std::span<const std::string_view> names,
-                                                           std::string_view name) noexcept;
 
 // The raw value of a case: what the database stores for it.
 template <CaseEnumeration Enumeration>
@@ -53,10 +47,12 @@ constexpr std::string_view caseName(Enumeration value) noexcept {
 
 // The case of that name in any letter case ("newapp" is `newApp`); nullopt for any other text.
 template <CaseEnumeration Enumeration>
-std::optional<Enumeration> fromCaseName(std::string_view name) noexcept {
-    const auto position = findCaseName(EnumerationCases<Enumeration>::names, name);
-    if (!position) return std::nullopt;
-    return static_cast<Enumeration>(*position);
+constexpr std::optional<Enumeration> fromCaseName(std::string_view name) noexcept {
+    const auto& names = EnumerationCases<Enumeration>::names;
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        if (equalsIgnoringCase(names[i], name)) return static_cast<Enumeration>(i);
+    }
+    return std::nullopt;
 }
 
 }  // namespace notificationdb
