@@ -58,7 +58,8 @@ void checkRecord(const Record& record, const Record& again, const nlohmann::json
         known += object.contains(name) ? 1 : 0;
         const auto expected = plainValue(fieldDescriptors<Record>[i], object.value(name, nlohmann::json()));
         FUZZ_CHECK(!expected || *expected == values[i], where + name + " differs from the JSON");
-        FUZZ_CHECK(fieldDescriptors<Record>[i].optional || values[i].index() != 0, where + name + " is required but absent");
+        FUZZ_CHECK(fieldDescriptors<Record>[i].optional || values[i].index() != 0,
+                   where + name + " is required but absent");
     }
     FUZZ_CHECK(known == object.size(), where + "an unknown key was accepted");
     FUZZ_CHECK(encodeRecord(again) == values, where + "changed on its way through JSON");
@@ -88,9 +89,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         batch = tool::parseBatch(text);
     } catch (const tool::JsonInputError& error) {
         const auto field = name.substr(8, name.size() - 13);
-        FUZZ_CHECK(!fuzz::replaying || (refuse && (field.find('.') == std::string::npos ||
-                                                   std::string(error.what()).find('"' + field + '"') != std::string::npos)),
-                   name + " was refused: " + error.what());
+        FUZZ_CHECK(
+            !fuzz::replaying || (refuse && (field.find('.') == std::string::npos ||
+                                            std::string(error.what()).find('"' + field + '"') != std::string::npos)),
+            name + " was refused: " + error.what());
         return 0;
     }
     FUZZ_CHECK(!fuzz::replaying || !refuse, name + " was taken");

@@ -9,6 +9,7 @@
 #include "NotificationDatabase/RecordCoding/RowCoding.hpp"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cstdint>
 #include <memory>
@@ -20,19 +21,62 @@ namespace notificationdb {
 
 namespace {
 
-// A set of ids as one parameter: a JSON array that `json_each` turns back into rows, so that
-// every set, the empty one included, runs the same statement.
-template <class IDs>
-std::string jsonArray(const IDs& ids) {
-    std::string text = "[";
-    char digits[24];
-    for (const std::int64_t id : ids) {
-        if (text.size() > 1) text += ',';
-        text.append(digits, std::to_chars(digits, digits + sizeof digits, id).ptr);
+// A statement that names a set of ids: `before` + "(ids)" + `after`. Up to 128 ids are bound as
+// parameters of their own, numbered from `first`, in the form prepared for the next power of two
+// of their count (the last id repeated to fill it: an IN list ignores repeats); an empty or a
+// larger set is bound as one JSON array that json_each turns back into rows. So each statement has
+// at most nine forms, and small sets, the common ones, skip the JSON.
+class IDSetStatement {
+public:
+    IDSetStatement(std::string_view before, std::string_view after, int first) : first_(first) {
+        forms_[0] =
+            std::string(before) + "(SELECT value FROM json_each(?" + std::to_string(first) + "))" + std::string(after);
+        for (std::size_t form = 1; form < forms_.size(); ++form) {
+            std::string sql(before);
+            for (std::size_t i = 0; i < slots(form); ++i)
+                sql += (i == 0 ? "(?" : ", ?") + std::to_string(first + int(i));
+            forms_[form] = sql + ")" + std::string(after);
+        }
     }
-    text += ']';
-    return text;
-}
+
+    // The statement for `ids` (any range of them, `count` in all), with the ids bound.
+    template <class IDs>
+    CachedStatement bound(Connection& connection, const IDs& ids, std::size_t count) const {
+        std::size_t form = 0;
+        if (count > 0 && count <= slots(forms_.size() - 1)) {
+            form = 1;
+            while (slots(form) < count) ++form;
+        }
+        auto statement = connection.cachedStatement(forms_[form]);
+        if (form == 0) {
+            statement->bind(first_, jsonArray(ids));
+            return statement;
+        }
+        int index = first_;
+        std::int64_t last = 0;
+        for (const std::int64_t id : ids) statement->bind(index++, last = id);
+        while (index < first_ + int(slots(form))) statement->bind(index++, last);
+        return statement;
+    }
+
+private:
+    static constexpr std::size_t slots(std::size_t form) noexcept { return std::size_t{1} << (form - 1); }
+
+    template <class IDs>
+    static std::string jsonArray(const IDs& ids) {
+        std::string text = "[";
+        char digits[24];
+        for (const std::int64_t id : ids) {
+            if (text.size() > 1) text += ',';
+            text.append(digits, std::to_chars(digits, digits + sizeof digits, id).ptr);
+        }
+        text += ']';
+        return text;
+    }
+
+    std::array<std::string, 9> forms_;
+    int first_;
+};
 
 // Runs one statement whose failure the operation drops without a message. A failure that
 // ended the whole transaction (SQLite rolls back on some I/O and memory errors) cannot be
@@ -61,18 +105,13 @@ void deleteNamed(Connection& connection, const Infos& infos) {
     // SQLite gathers the ids into a b-tree first, which takes them in order at less cost.
     std::sort(notificationIDs.begin(), notificationIDs.end());
     std::sort(buttonIDs.begin(), buttonIDs.end());
-    const auto deleteByID = [&connection](std::string_view sql, const std::vector<std::int64_t>& ids) {
-        if (ids.empty()) return;
-        auto statement = connection.cachedStatement(sql);
-        statement->bind(1, jsonArray(ids));
-        statement->execute();
+    static const IDSetStatement deleteNotifications(R"(DELETE FROM "notification" WHERE "id" IN )", "", 1);
+    static const IDSetStatement deleteButtons(R"(DELETE FROM "notificationButton" WHERE "id" IN )", "", 1);
+    const auto deleteByID = [&connection](const IDSetStatement& statement, const std::vector<std::int64_t>& ids) {
+        if (!ids.empty()) statement.bound(connection, ids, ids.size())->execute();
     };
-    runDroppingFailure(connection, [&] {
-        deleteByID(R"(DELETE FROM "notification" WHERE "id" IN (SELECT value FROM json_each(?)))", notificationIDs);
-    });
-    runDroppingFailure(connection, [&] {
-        deleteByID(R"(DELETE FROM "notificationButton" WHERE "id" IN (SELECT value FROM json_each(?)))", buttonIDs);
-    });
+    runDroppingFailure(connection, [&] { deleteByID(deleteNotifications, notificationIDs); });
+    runDroppingFailure(connection, [&] { deleteByID(deleteButtons, buttonIDs); });
 }
 
 // Whether the query finds a row, which must also read as a notification.
@@ -141,7 +180,9 @@ void NotificationDatabaseImpl::setupDatabaseObserver() {
         {std::string(NotificationModel::databaseTableName)},
         // Holds the services alone, not the store: a post scheduled before the store goes away is
         // still made.
-        [mainQueue = services_.mainQueue, center = services_.noticeCenter] { ChangeNotices::schedule(mainQueue, center); },
+        [mainQueue = services_.mainQueue, center = services_.noticeCenter] {
+            ChangeNotices::schedule(mainQueue, center);
+        },
         [weakSelf](const std::exception& error) {
             if (auto self = weakSelf.lock()) self->logFailure("Database observation error: ", error);
         });
@@ -192,15 +233,13 @@ void NotificationDatabaseImpl::save(const NotificationModelInfo& notificationInf
 
 std::vector<NotificationModelInfo> NotificationDatabaseImpl::fetchNotifications(
     const std::optional<NotificationIDs>& ids) {
-    static const std::string all = std::string(joinedSelect) + R"( ORDER BY "notification"."createdDate" DESC)";
-    static const std::string some = std::string(joinedSelect) +
-                                    R"( WHERE "notification"."id" IN (SELECT value FROM json_each(?)))"
-                                    R"( ORDER BY "notification"."createdDate" DESC)";
+    constexpr std::string_view newestFirst = R"( ORDER BY "notification"."createdDate" DESC)";
+    static const std::string all = std::string(joinedSelect) + std::string(newestFirst);
+    static const IDSetStatement some(std::string(joinedSelect) + R"( WHERE "notification"."id" IN )", newestFirst, 1);
     try {
         return database_->read([&ids](Connection& connection) {
-            auto statement = connection.cachedStatement(ids ? some : all);
-            if (ids) statement->bind(1, jsonArray(*ids));
-            return readJoined(*statement);
+            if (!ids) return readJoined(connection, *connection.cachedStatement(all));
+            return readJoined(connection, *some.bound(connection, *ids, ids->size()));
         });
     } catch (const std::exception& error) {
         logFailure("Unable to read wrapped notifications: ", error);
@@ -243,10 +282,9 @@ bool NotificationDatabaseImpl::containsNotification(NotificationKind type, const
 void NotificationDatabaseImpl::updateStatus(const NotificationIDs& notificationIDs, NotificationStatus status) {
     try {
         database_->write([&](Connection& connection) {
-            auto statement = connection.cachedStatement(
-                R"(UPDATE "notification" SET "status" = ?1 WHERE "id" IN (SELECT value FROM json_each(?2)))");
+            static const IDSetStatement update(R"(UPDATE "notification" SET "status" = ?1 WHERE "id" IN )", "", 2);
+            auto statement = update.bound(connection, notificationIDs, notificationIDs.size());
             statement->bind(1, rawValue(status));
-            statement->bind(2, jsonArray(notificationIDs));
             statement->execute();
         });
     } catch (const std::exception& error) {
@@ -310,7 +348,7 @@ void NotificationDatabaseImpl::deleteAllNotifications(NotificationKind kind) {
             {
                 auto statement = connection.cachedStatement(ofKind);
                 statement->bind(1, rawValue(kind));
-                rows = readJoined(*statement);
+                rows = readJoined(connection, *statement);
             }
             deleteNamed(connection, rows);
         });

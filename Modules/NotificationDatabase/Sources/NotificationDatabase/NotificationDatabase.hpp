@@ -36,8 +36,9 @@ struct NotificationDatabaseServices {
 // writes of one store are serialised, reads run alongside them. After each committed change of
 // the table "notification" the store schedules, 1.0 s later on the main queue, one post of
 // `databaseUpdated()` through the notice center.
-class NOTIFICATIONDB_API NotificationDatabaseImpl final : public NotificationDatabaseProtocol,
-                                       public std::enable_shared_from_this<NotificationDatabaseImpl> {
+class NOTIFICATIONDB_API NotificationDatabaseImpl final
+    : public NotificationDatabaseProtocol,
+      public std::enable_shared_from_this<NotificationDatabaseImpl> {
 public:
     // Opens the pool on `config`, creates missing tables and starts observing, with `services`.
     // Throws `DatabaseError` when the file cannot be opened or set up; nothing is logged then.

@@ -40,8 +40,8 @@ const NotificationDatabaseConfig& NotificationDatabaseConfig::readOnly() {
 }
 
 std::filesystem::path NotificationDatabaseConfig::createDatabaseURl(std::string_view fileName) {
-    std::filesystem::path url = FileManager::defaultManager()->applicationSupportDirectory() / "Vantro" / "Default" /
-                                "Databases" / "";
+    std::filesystem::path url =
+        FileManager::defaultManager()->applicationSupportDirectory() / "Vantro" / "Default" / "Databases" / "";
     // Appended as text: `/` would replace the whole path with an absolute name.
     url += fileName;
     return url;

@@ -1,7 +1,7 @@
 #pragma once
 
-#include <NotificationDatabase/Export.hpp>
 #include <NotificationDatabase/Database/Configuration.hpp>
+#include <NotificationDatabase/Export.hpp>
 #include <NotificationDatabase/Platform/Logger.hpp>
 
 #include <filesystem>

@@ -7,8 +7,8 @@
 
 #include <algorithm>
 #include <chrono>
-#include <thread>
 #include <string>
+#include <thread>
 #include <utility>
 
 namespace notificationdb {
@@ -50,7 +50,8 @@ BusyMode::Callback retryUntil(double seconds) {
         const auto now = std::chrono::steady_clock::now();
         if (numberOfTries == 0) firstTry = now;
         if (now - firstTry >= limit) return false;
-        std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(busyRetryInterval, limit - (now - firstTry)));
+        std::this_thread::sleep_for(
+            std::min<std::chrono::steady_clock::duration>(busyRetryInterval, limit - (now - firstTry)));
         return true;
     };
 }
@@ -140,6 +141,10 @@ CachedStatement Connection::cachedStatement(std::string_view sql) {
     }
     entry.inUse = true;
     return {entry.statement.get(), nullptr, &entry.inUse};
+}
+
+int Connection::columnCount(std::string_view sql) {
+    return Statement(db_, sql).row().end();
 }
 
 std::int64_t Connection::lastInsertedRowID() const noexcept {

@@ -58,6 +58,10 @@ public:
     // lifetime. While one user holds it, a second user of the same SQL gets a copy of its own.
     CachedStatement cachedStatement(std::string_view sql);
 
+    // How many columns the rows of `sql` have as SQLite prepares it now (a `*` stands for the
+    // columns its table has now). Throws `DatabaseError`.
+    int columnCount(std::string_view sql);
+
     std::int64_t lastInsertedRowID() const noexcept;
     // Rows changed by the last INSERT, UPDATE or DELETE.
     int changedRowCount() const noexcept;

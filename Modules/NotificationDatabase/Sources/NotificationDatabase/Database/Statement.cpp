@@ -34,9 +34,14 @@ void ChangeJournal::statementEnded(sqlite3* connection, int resultCode) noexcept
 }
 
 int Row::index(std::string_view name, int likely) const noexcept {
-    if (likely >= begin_ && likely < end_ && equalsIgnoringCase(this->name(likely), name)) return likely;
+    // Names are nearly always spelled alike: an exact comparison settles most of them cheaply.
+    const auto named = [&](int i) {
+        const std::string_view candidate = this->name(i);
+        return candidate == name || equalsIgnoringCase(candidate, name);
+    };
+    if (likely >= begin_ && likely < end_ && named(likely)) return likely;
     for (int i = begin_; i < end_; ++i) {
-        if (equalsIgnoringCase(this->name(i), name)) return i;
+        if (named(i)) return i;
     }
     return -1;
 }

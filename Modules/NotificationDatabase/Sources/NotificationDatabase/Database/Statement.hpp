@@ -1,10 +1,12 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
+#include <typeinfo>
 #include <vector>
 
 #include <sqlite3.h>
@@ -122,6 +124,22 @@ public:
     // reader's guess at the size of the next one.
     std::size_t previousRowCount() const noexcept { return previousRowCount_; }
 
+    // What a reader works out about the columns of this statement's rows (where the fields of a
+    // record stand, say), built by `make(row())` on the current row and kept until SQLite
+    // prepares the statement again, after which `*` may stand for other columns. Looking names
+    // up once per preparation instead of once per run saves a fetch of a few rows a tenth of its
+    // cost.
+    template <class Layout, class Make>
+    const Layout& layout(Make make) {
+        const int preparation = sqlite3_stmt_status(statement_, SQLITE_STMTSTATUS_REPREPARE, 0);
+        if (!layout_ || layoutType_ != &typeid(Layout) || layoutPreparation_ != preparation) {
+            layout_ = std::make_shared<const Layout>(make(row()));
+            layoutType_ = &typeid(Layout);
+            layoutPreparation_ = preparation;
+        }
+        return *static_cast<const Layout*>(layout_.get());
+    }
+
 private:
     [[noreturn]] void fail(int resultCode) const;
 
@@ -131,6 +149,9 @@ private:
     std::string sql_;
     std::size_t rowsThisRun_ = 0;
     std::size_t previousRowCount_ = 0;
+    std::shared_ptr<const void> layout_;
+    const std::type_info* layoutType_ = nullptr;
+    int layoutPreparation_ = -1;
 };
 
 }  // namespace notificationdb

@@ -59,7 +59,8 @@ template <>
 struct EnumerationCases<UserActionKind> {
     static constexpr std::string_view typeName = "UserActionKind";
     static constexpr std::array<std::string_view, 7> names{
-        "openCabinet", "openApp", "openCollection", "openLink", "openBlogArticle", "openVantro", "refreshInstalledApps"};
+        "openCabinet",     "openApp",    "openCollection",      "openLink",
+        "openBlogArticle", "openVantro", "refreshInstalledApps"};
 };
 
 // The integer construction behaves like the strict one: there is no fallback case.

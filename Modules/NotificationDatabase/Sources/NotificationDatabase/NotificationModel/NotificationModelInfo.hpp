@@ -24,8 +24,13 @@ struct NOTIFICATIONDB_API NotificationModelInfo {
     static constexpr std::string_view notificationKey = "notification";
     static constexpr std::string_view actionButtonKey = NotificationButton::databaseTableName;
 
-    NotificationModelInfo(NotificationModel notification, std::optional<NotificationButton> actionButton = std::nullopt)
+    NotificationModelInfo(NotificationModel notification, std::optional<NotificationButton> actionButton)
         : notification(std::move(notification)), actionButton(std::move(actionButton)) {}
+    // A notification without button.
+    NotificationModelInfo(const NotificationModel& notification)
+        : notification(notification) {}                               // NOLINT(google-explicit-constructor)
+    NotificationModelInfo(NotificationModel&& notification) noexcept  // NOLINT(google-explicit-constructor)
+        : notification(std::move(notification)) {}
 
     friend bool operator==(const NotificationModelInfo& lhs, const NotificationModelInfo& rhs) noexcept {
         return lhs.notification.id() == rhs.notification.id();

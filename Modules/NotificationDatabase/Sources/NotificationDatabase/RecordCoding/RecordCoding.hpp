@@ -127,12 +127,14 @@ inline constexpr std::size_t fieldCount = std::tuple_size_v<decltype(RecordCodin
 
 // The fields of `Record` as keyed formats see them, in declaration order.
 template <class Record>
-inline constexpr std::array<FieldDescriptor, fieldCount<Record>> fieldDescriptors =
-    std::apply([](const auto&... field) {
+inline constexpr std::array<FieldDescriptor, fieldCount<Record>> fieldDescriptors = std::apply(
+    [](const auto&... field) {
         return std::array{FieldDescriptor{
-            field.name, detail::fieldType<typename detail::Unwrapped<typename std::decay_t<decltype(field)>::Type>::Type>(),
+            field.name,
+            detail::fieldType<typename detail::Unwrapped<typename std::decay_t<decltype(field)>::Type>::Type>(),
             detail::Unwrapped<typename std::decay_t<decltype(field)>::Type>::optional}...};
-    }, RecordCoding<Record>::fields);
+    },
+    RecordCoding<Record>::fields);
 
 // One keyed value per field of `Record`, in field order.
 template <class Record>
@@ -141,8 +143,9 @@ using RecordValues = std::array<FieldValue, fieldCount<Record>>;
 // Every field of `record`, in field order.
 template <class Record>
 RecordValues<Record> encodeRecord(const Record& record) {
-    return std::apply([&record](const auto&... field) { return RecordValues<Record>{detail::toFieldValue(record.*field.member)...}; },
-                      RecordCoding<Record>::fields);
+    return std::apply(
+        [&record](const auto&... field) { return RecordValues<Record>{detail::toFieldValue(record.*field.member)...}; },
+        RecordCoding<Record>::fields);
 }
 
 // Where decoding takes the values of a record's fields from. `required(i, out)` stores the value
@@ -192,7 +195,8 @@ template <class Record, FieldSource Source>
 void decodeRecord(Source& source, Record& record) {
     [&]<std::size_t... I>(std::index_sequence<I...>) {
         (detail::decodeField(source, I, std::get<I>(RecordCoding<Record>::fields), record), ...);
-    }(std::make_index_sequence<fieldCount<Record>>());
+    }
+    (std::make_index_sequence<fieldCount<Record>>());
 }
 
 template <class Record, FieldSource Source>

@@ -100,7 +100,8 @@ private:
     void read(std::size_t i, int index, ColumnType type, Value& out) {
         const std::string_view field = fieldDescriptors<Record>[i].name;
         if constexpr (std::is_same_v<Value, std::int64_t>) {
-            out = type == ColumnType::integer ? row_.int64(index) : detail::integerColumn(row_, index, type, table, field);
+            out = type == ColumnType::integer ? row_.int64(index)
+                                              : detail::integerColumn(row_, index, type, table, field);
         } else if constexpr (std::is_same_v<Value, bool>) {
             out = type == ColumnType::integer ? row_.int64(index) != 0
                                               : detail::booleanColumn(row_, index, type, table, field);
@@ -154,8 +155,11 @@ void bindRecord(Statement& statement, const Record& record, int firstIndex = 1, 
     std::apply(
         [&](const auto& rowID, const auto&... rest) {
             int index = firstIndex;
-            if (!skipRowID) detail::bindValue(statement, index++, record.*rowID.member, RecordCoding<Record>::tableName, rowID.name);
-            (detail::bindValue(statement, index++, record.*rest.member, RecordCoding<Record>::tableName, rest.name), ...);
+            if (!skipRowID)
+                detail::bindValue(statement, index++, record.*rowID.member, RecordCoding<Record>::tableName,
+                                  rowID.name);
+            (detail::bindValue(statement, index++, record.*rest.member, RecordCoding<Record>::tableName, rest.name),
+             ...);
         },
         RecordCoding<Record>::fields);
 }
