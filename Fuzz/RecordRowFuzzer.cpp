@@ -124,9 +124,11 @@ void storeRow(const Input& input) {
 using View = std::pair<int, int>;
 
 // The model: field `i` of `Record` from `view`, nullopt when reading must fail. Missing or NULL is
-// absent (a required field fails); integers come from INTEGER or whole REAL values in range (an
-// enumeration's must name a case), booleans from any number, text from TEXT, bytes from BLOB or
-// TEXT, dates from date text or seconds since 1970 floored to the millisecond, years 0000...9999.
+// absent (a required field fails). Other values take the field's type as SQLite converts them:
+// integers as sqlite3_column_int64 gives them (an enumeration's must name a case), booleans true
+// for any of those but 0, text as sqlite3_column_text, bytes as sqlite3_column_blob; a date comes
+// from date text or from a number of seconds since 1970, floored to the millisecond, in years
+// 0000...9999, and from nothing else.
 template <class Record>
 std::optional<FieldValue> expected(sqlite3_stmt* row, View view, std::size_t i) {
     using Value = std::optional<FieldValue>;
@@ -135,29 +137,36 @@ std::optional<FieldValue> expected(sqlite3_stmt* row, View view, std::size_t i) 
     while (at < view.second && !equalsIgnoringCase(sqlite3_column_name(row, at), field.name)) ++at;
     const int type = at < view.second ? sqlite3_column_type(row, at) : SQLITE_NULL;
     if (type == SQLITE_NULL) return field.optional ? Value(std::monostate{}) : std::nullopt;
-    // Only the accessor of the value's own storage class: SQLite converts nothing then.
-    const bool number = type == SQLITE_INTEGER || type == SQLITE_FLOAT;
-    const std::int64_t integer = type == SQLITE_INTEGER ? sqlite3_column_int64(row, at) : 0;
-    const double real = type == SQLITE_FLOAT ? sqlite3_column_double(row, at) : static_cast<double>(integer);
-    const void* bytes = type == SQLITE_TEXT ? sqlite3_column_text(row, at)
-                        : number            ? nullptr
-                                            : sqlite3_column_blob(row, at);
-    const std::string text =
-        bytes != nullptr ? std::string(static_cast<const char*>(bytes), sqlite3_column_bytes(row, at)) : "";
-    if (field.type == FieldType::integer || field.type == FieldType::enumeration) {
-        const bool whole =
-            type == SQLITE_INTEGER || (number && std::trunc(real) == real && real >= -0x1p63 && real < 0x1p63);
-        const std::int64_t raw = type == SQLITE_INTEGER ? integer : whole ? static_cast<std::int64_t>(real) : 0;
-        const std::int64_t cases = field.name == "status" ? 3 : field.name == "notificationKind" ? 5 : 7;
-        const bool isCase = field.type == FieldType::integer || (raw >= 0 && raw < cases);
-        return whole && isCase ? Value(raw) : std::nullopt;
+    const auto bytesOf = [&](const void* data) {
+        const auto* begin = static_cast<const std::uint8_t*>(data);
+        return Bytes(begin, begin + (begin != nullptr ? sqlite3_column_bytes(row, at) : 0));
+    };
+    switch (field.type) {
+        case FieldType::integer:
+            return sqlite3_column_int64(row, at);
+        case FieldType::enumeration: {
+            const std::int64_t raw = sqlite3_column_int64(row, at);
+            const std::int64_t cases = field.name == "status" ? 3 : field.name == "notificationKind" ? 5 : 7;
+            return raw >= 0 && raw < cases ? Value(raw) : std::nullopt;
+        }
+        case FieldType::boolean:
+            return sqlite3_column_int64(row, at) != 0;
+        case FieldType::text: {
+            const Bytes text = bytesOf(sqlite3_column_text(row, at));
+            return std::string(text.begin(), text.end());
+        }
+        case FieldType::bytes:
+            return bytesOf(sqlite3_column_blob(row, at));
+        case FieldType::date:
+            break;
     }
-    if (field.type == FieldType::boolean) return number ? Value(real != 0) : std::nullopt;
-    if (field.type == FieldType::text) return type == SQLITE_TEXT ? Value(text) : std::nullopt;
-    if (field.type == FieldType::bytes) return number ? std::nullopt : Value(Bytes(text.begin(), text.end()));
-    const double ms = std::floor(real * 1000);
-    if (number) return ms >= fuzz::earliest && ms < fuzz::latest ? Value(fuzz::at(std::int64_t(ms))) : std::nullopt;
-    return type == SQLITE_TEXT ? Value(fuzz::modelDateText(text)) : std::nullopt;
+    if (type == SQLITE_TEXT) {
+        const Bytes text = bytesOf(sqlite3_column_text(row, at));
+        return fuzz::modelDateText(std::string(text.begin(), text.end()));
+    }
+    if (type == SQLITE_BLOB) return std::nullopt;
+    const double ms = std::floor(sqlite3_column_double(row, at) * 1000);
+    return ms >= fuzz::earliest && ms < fuzz::latest ? Value(fuzz::at(std::int64_t(ms))) : std::nullopt;
 }
 
 // A record's values by the model, and the field a refusal must name (the first to fail, in field

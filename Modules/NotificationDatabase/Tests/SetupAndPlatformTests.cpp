@@ -8,6 +8,10 @@
 
 #include <gtest/gtest.h>
 
+#include <condition_variable>
+#include <future>
+#include <thread>
+
 namespace notificationdb {
 namespace {
 
@@ -176,6 +180,64 @@ TEST(Platform, PendingNoticesPostedAtOnceAreNotPostedAgain) {
     for (const auto& job : jobs) job.second();
     NotificationDatabaseImpl::postPendingNotices();
     EXPECT_EQ(services.posts(), 4);
+}
+
+// A writer never waits for a post: while a center's post hangs, saves and deletions go on and
+// record their notices. A center whose post writes to the store does not wait for itself.
+TEST(Platform, WritersNeverWaitForAPost) {
+    struct Center final : DistributedNotificationCenter {
+        void post(const std::string& /*name*/) override {
+            std::unique_lock lock(mutex);
+            ++posts;
+            changed.notify_all();
+            changed.wait(lock, [this] { return !hang; });
+            if (whenPosting) whenPosting();
+        }
+        std::unique_ptr<ObserverToken> addObserver(const std::string&, Handler) override { return nullptr; }
+        std::mutex mutex;
+        std::condition_variable changed;
+        bool hang = true;
+        int posts = 0;
+        std::function<void()> whenPosting;
+    };
+    testing::TemporaryDirectory directory;
+    testing::TestServices test;
+    auto center = std::make_shared<Center>();
+    auto services = test.services();
+    services.noticeCenter = center;
+    auto store = NotificationDatabaseImpl::create(NotificationDatabaseConfig(directory / "db.sqlite", Configuration{}),
+                                                  services);
+    const auto notification = [](std::int64_t id) {
+        return NotificationModel(id, "c", Timestamp{}, "1", "t", std::nullopt, std::nullopt, std::nullopt, false,
+                                 std::nullopt, NotificationStatus::new_, NotificationKind::default_);
+    };
+    const auto finishes = [](auto&& work) {
+        return std::async(std::launch::async, work).wait_for(60s) == std::future_status::ready;
+    };
+    store->save(notification(1));
+    auto jobs = test.takeJobs();
+    ASSERT_EQ(jobs.size(), 1U);
+    std::thread mainQueue(jobs[0].second);
+    {
+        std::unique_lock lock(center->mutex);
+        center->changed.wait(lock, [&] { return center->posts == 1; });
+    }
+    EXPECT_TRUE(finishes([&] {
+        store->save(notification(2));
+        store->deleteNotifications({notification(1)});
+    })) << "a write waited for the post";
+    {
+        std::lock_guard lock(center->mutex);
+        center->hang = false;
+        center->changed.notify_all();
+    }
+    mainQueue.join();
+    center->whenPosting = [&] { store->save(notification(3)); };
+    EXPECT_TRUE(finishes([&] { NotificationDatabaseImpl::postPendingNotices(); })) << "a post that writes waited";
+    EXPECT_EQ(store->notificationsCount(), 2);
+    // The first save's, the second's, the deletion's, and that of the save made while posting.
+    EXPECT_EQ(center->posts, 4);
+    EXPECT_EQ(test.takeJobs().size(), 3U);
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 // dropped, a read-only configuration, another writer holding the lock. A second table opens
 // stores on files that cannot serve.
 
+#include "FaultyDisk.hpp"
 #include "Testing.hpp"
 
 #include <NotificationDatabase/Database/DatabaseError.hpp>
@@ -40,6 +41,9 @@ using Operation = std::function<std::string(NotificationDatabaseImpl&)>;
 struct Fault {
     const char* name;
     const char* sql;
+    // The disk fails at the first call of this kind, and at every later write, sync and truncate.
+    testing::FaultyDisk::Call disk = testing::FaultyDisk::write;
+    int diskError = SQLITE_OK;
 };
 
 struct Case {
@@ -139,6 +143,24 @@ const std::vector<Case> failureCases = {
     // Without a child table SQLite empties "notification" in one step; the notice must still go.
     {{"a dropped button table", "DROP TABLE notificationButton"}, "deleteAll", deleteAll, "", "",
      {"DELETE FROM expected.notification"}, 1},
+    // A disk that fails: nothing of the operation stays, and it says why. Deleting 3 MB of rows
+    // writes pages out before the commit; the failing write ends the whole transaction, so the
+    // second DELETE must not run on its own.
+    {{"a disk that dies", "", testing::FaultyDisk::write, SQLITE_IOERR_WRITE}, "save", saveNew, "",
+     unsaved + "SQLite error 10 (SQLITE_IOERR_WRITE): disk I/O error"},
+    {{"a disk whose sync fails", "", testing::FaultyDisk::sync, SQLITE_IOERR_FSYNC}, "updateStatus",
+     [](auto& s) { return s.updateStatus({1, 2}, NotificationStatus::read), ""; }, "",
+     "Unable to mark as read notification IDs: [1, 2]: SQLite error 10 (SQLITE_IOERR_FSYNC): disk I/O error"},
+    {{"a full disk under 3 MB of rows",
+      "WITH RECURSIVE n(i) AS (SELECT 10 UNION ALL SELECT i + 1 FROM n WHERE i < 3000) INSERT INTO notification "
+      "SELECT i, 'c', '2026-01-01 00:00:00.000', i, 't', NULL, hex(randomblob(500)), NULL, 0, NULL, 0, 0 FROM n",
+      testing::FaultyDisk::write, SQLITE_FULL},
+     "deleteAll", deleteAll, "", "Unable to reset notification database: SQLite error 13 (SQLITE_FULL): database or disk is full"},
+    {{"a dying disk under 3 MB of rows",
+      "WITH RECURSIVE n(i) AS (SELECT 10 UNION ALL SELECT i + 1 FROM n WHERE i < 3000) INSERT INTO notification "
+      "SELECT i, 'c', '2026-01-01 00:00:00.000', i, 't', NULL, hex(randomblob(500)), NULL, 0, NULL, 0, 0 FROM n",
+      testing::FaultyDisk::write, SQLITE_IOERR_WRITE},
+     "deleteAll", deleteAll, "", "Unable to reset notification database: SQLite error 10 (SQLITE_IOERR_WRITE): disk I/O error"},
     // A read-only store reads, skips what it holds and drops what its contract drops, silently.
     {readOnlyStore, "save", saveNew, "", unsaved + readOnlyError},
     {readOnlyStore, "save a stored id", saveStored, "", ""},
@@ -166,6 +188,7 @@ class StoreFailure : public ::testing::TestWithParam<Case> {};
 
 TEST_P(StoreFailure, GivesTheNeutralAnswerTheMessageAndOnlyTheChangesItKeeps) {
     const Case& c = GetParam();
+    testing::FaultyDisk::install();
     testing::TemporaryDirectory directory;
     testing::TestServices services;
     const NotificationDatabaseConfig config(directory / "db.sqlite",
@@ -193,7 +216,10 @@ TEST_P(StoreFailure, GivesTheNeutralAnswerTheMessageAndOnlyTheChangesItKeeps) {
         other.execute("CREATE TABLE expected." + table + " AS SELECT * FROM main." + table);
     for (const char* change : c.changes) other.execute(change);
     services.takeLog(), services.takeDeadlines();
+    auto& disk = testing::FaultyDisk::install();
+    if (c.fault.diskError != SQLITE_OK) disk.failAt(c.fault.disk, 1, c.fault.diskError, true);
     EXPECT_EQ(c.run(*store), c.answer);
+    disk.repair();
     std::vector<std::string> messages;
     for (const auto& logged : services.takeLog()) messages.push_back(logged.message);
     EXPECT_EQ(messages, c.message.empty() ? std::vector<std::string>{} : std::vector<std::string>{c.message});

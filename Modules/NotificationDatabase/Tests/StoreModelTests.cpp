@@ -6,6 +6,7 @@
 // seed (NDB_TEST_SEED replays it; the seed is printed on failure), three have fixed ones;
 // NDB_MODEL_STEPS sets their length, NDB_SHOW_RULES=1 prints how often each rule decided.
 
+#include "FaultyDisk.hpp"
 #include "Testing.hpp"
 
 #include <NotificationDatabase/NotificationUpdater/NotificationUpdaterImpl.hpp>
@@ -31,14 +32,14 @@ using Infos = std::vector<NotificationModelInfo>;
 // The stored forms, written here from the file's format: each enumeration case is stored as its
 // position in these lists.
 constexpr NotificationStatus storedStatuses[] = {NotificationStatus::new_, NotificationStatus::shown,
-                                            NotificationStatus::read};
+                                                 NotificationStatus::read};
 constexpr NotificationKind storedKinds[] = {NotificationKind::default_, NotificationKind::newApp,
-                                       NotificationKind::appUpdate, NotificationKind::vantroUpdate,
-                                       NotificationKind::ai};
+                                            NotificationKind::appUpdate, NotificationKind::vantroUpdate,
+                                            NotificationKind::ai};
 constexpr UserActionKind storedActions[] = {UserActionKind::openCabinet,         UserActionKind::openApp,
-                                       UserActionKind::openCollection,      UserActionKind::openLink,
-                                       UserActionKind::openBlogArticle,     UserActionKind::openVantro,
-                                       UserActionKind::refreshInstalledApps};
+                                            UserActionKind::openCollection,      UserActionKind::openLink,
+                                            UserActionKind::openBlogArticle,     UserActionKind::openVantro,
+                                            UserActionKind::refreshInstalledApps};
 template <class E, std::size_t N>
 std::int64_t position(const E (&cases)[N], E value) {
     return std::ranges::find(cases, value) - std::begin(cases);
@@ -178,7 +179,8 @@ struct Model {
         for (const auto& miss : nearMisses) cover("save: stored beside " + miss + " key");
         const auto year = int(year_month_day(floor<days>(n.createdDate.sysTime())).year());
         if (year < 0 || year > 9999)
-            return fail(R"(could not read column "createdDate" of "notification": date is outside years 0000 to 9999)");
+            return fail(R"(could not store column "createdDate" of "notification": the date has no stored form )"
+                        "outside years 0000 to 9999");
         if (noButtons() && info.actionButton) return fail(noButtonTable);
         const std::int64_t id = n.id().value_or(notificationSequence + 1);
         notificationSequence = std::max(notificationSequence, id);
@@ -286,27 +288,31 @@ struct RecordingStore final : NotificationDatabaseProtocol {
 // The rules of the model that some step of every run must decide: each is a case where a store
 // that lost it would answer otherwise.
 const std::vector<std::string> modelRules = {"save: skipped, its id is stored",
-                                         "save: skipped, its key is stored",
-                                         "save: skipped, its key without customer",
-                                         "save: skipped, no app matches a stored app",
-                                         "save: stored beside another customer's key",
-                                         "save: stored beside another kind's key",
-                                         "save: stored beside another version's key",
-                                         "save: stored beside another app's key",
-                                         "save: default_ is never a duplicate",
-                                         "save: a button overwrites a stored one",
-                                         "prune: a notification exactly 30 days old",
-                                         "prune: a notification a millisecond younger",
-                                         "prune: a customer over 100",
-                                         "prune: no customer, over 100",
-                                         "prune: equal dates at the 100th",
-                                         "prune: no customer and the empty customer apart",
-                                         "reopen while another program holds the write lock",
-                                         "containsVantro: true for other kinds alone",
-                                         "containsNotification: false beside another customer's row",
-                                         "containsNotification: false beside another kind's row",
-                                         "containsNotification: false beside another app's row",
-                                         "containsNotification: false beside another version's row"};
+                                             "save: skipped, its key is stored",
+                                             "save: skipped, its key without customer",
+                                             "save: skipped, no app matches a stored app",
+                                             "save: stored beside another customer's key",
+                                             "save: stored beside another kind's key",
+                                             "save: stored beside another version's key",
+                                             "save: stored beside another app's key",
+                                             "save: default_ is never a duplicate",
+                                             "save: a button overwrites a stored one",
+                                             "prune: a notification exactly 30 days old",
+                                             "prune: a notification a millisecond younger",
+                                             "prune: a customer over 100",
+                                             "prune: no customer, over 100",
+                                             "prune: equal dates at the 100th",
+                                             "prune: no customer and the empty customer apart",
+                                             "reopen while another program holds the write lock",
+                                             "containsVantro: true for other kinds alone",
+                                             "containsNotification: false beside another customer's row",
+                                             "containsNotification: false beside another kind's row",
+                                             "containsNotification: false beside another app's row",
+                                             "containsNotification: false beside another version's row",
+                                             "disk: a write done",
+                                             "disk: a failed write undone",
+                                             "power: a write kept",
+                                             "power: a failed write gone"};
 
 // The parameter is a fixed seed, or 0 for a fresh one.
 class StoreModel : public ::testing::TestWithParam<std::uint64_t> {
@@ -316,6 +322,7 @@ protected:
     std::mt19937_64 random{seed};
     testing::TemporaryDirectory directory;
     testing::TestServices services;
+    testing::FaultyDisk& disk = testing::FaultyDisk::install();
     // A short busy time-out keeps the steps under another program's lock quick.
     NotificationDatabaseConfig config{directory / "model.sqlite", Configuration{false, BusyMode::timeout(0.05), false}};
     std::shared_ptr<RecordingStore> store =
@@ -323,14 +330,18 @@ protected:
     Timestamp now = parseDateText("2026-11-01 12:00:00.000").value();
     NotificationUpdaterImpl updater{store, [this] { return now; }};
     Model model;
-    testing::RawDatabase other{config.storageURL()};  // another program's connection
+    std::optional<testing::RawDatabase> other;  // another program's connection
     Rows droppedSchema;
     std::string droppedSequence;
     std::int64_t nextBurstID = 1000;
     int lockedSteps = 0, droppedSteps = 0;
 
-    // Dropping a table must not empty its children through the foreign key.
-    void SetUp() override { other.execute("PRAGMA foreign_keys = OFF"); }
+    void SetUp() override { openOther(); }
+    void openOther() {
+        other.emplace(config.storageURL());
+        // Dropping a table must not empty its children through the foreign key.
+        other->execute("PRAGMA foreign_keys = OFF");
+    }
 
     const std::vector<Text> texts{std::nullopt,           "",         "Hello",
                                   std::string("a\0b", 3), "\xff\xfe", "'; DROP TABLE notification; --"};
@@ -408,28 +419,155 @@ protected:
         return ids;
     }
 
+    // A write of one transaction, `which` of six, made on the store and on `on` as the model says
+    // it goes: its description, and the text its failure is logged with before the error.
+    struct Write {
+        std::string what, failure;
+    };
+    Write someWrite(std::size_t which, Model& on) {
+        switch (which) {
+            case 0: {
+                const auto info = someInfo();
+                store->store->save(info), on.save(info);
+                return {"save " + stored(info.notification.id()), "Unable to save wrapped notification: "};
+            }
+            case 1: {
+                const auto ids = someIDs();
+                const auto status = any(storedStatuses);
+                const std::string failure = "Unable to mark as read notification IDs: " + idList(ids) + ": ";
+                chance(0.5) ? store->store->updateStatus(ids, status) : updater.updateStatus(ids, status);
+                if (const auto error = on.writeFailure()) {
+                    on.log(failure, *error);
+                } else if (std::ranges::any_of(ids, [&](auto id) { return on.notifications.contains(id); })) {
+                    for (auto& [id, n] : on.notifications) {
+                        if (ids.contains(id)) n.status = status;
+                    }
+                    ++on.notices;
+                }
+                return {"updateStatus " + idList(ids), failure};
+            }
+            case 2: {
+                const auto ids = someIDs();
+                const bool visible = chance(0.5);
+                const std::string failure =
+                    "Unable to change button visibility for notification IDs: " + idList(ids) + ": ";
+                chance(0.5) ? store->store->updateButtonVisibility(ids, visible)
+                            : updater.updateButtonVisibility(ids, visible);
+                if (on.locked) {
+                    on.log(failure, busyError);
+                } else if (!on.noButtons()) {
+                    for (auto& [id, b] : on.buttons) {
+                        if (b.notificationId && ids.contains(*b.notificationId)) b.visible = visible;
+                    }
+                }
+                return {"updateButtonVisibility " + idList(ids), failure};
+            }
+            case 3: {
+                // Pairs as listed, made up, or made up around a stored button (of another notification or none).
+                NotificationModelInfoSet set;
+                const auto listed = on.list();
+                for (std::size_t i = pick(5); i > 0; --i) {
+                    auto info = chance(0.5) && !listed.empty() ? any(listed) : someInfo();
+                    if (!on.buttons.empty() && chance(0.3)) info.actionButton = any(on.buttons).second;
+                    set.insert(info);
+                }
+                store->store->deleteNotifications(set);
+                NotificationIDs ids, buttonIDs;
+                for (const auto& info : set) {
+                    if (info.notification.id()) ids.insert(*info.notification.id());
+                    if (info.actionButton && info.actionButton->id()) buttonIDs.insert(*info.actionButton->id());
+                }
+                on.remove(ids, buttonIDs);
+                return {"delete " + std::to_string(set.size()), "Unable to reset notifications database: "};
+            }
+            case 4: {
+                const auto kind = any(storedKinds);
+                store->store->deleteAllNotifications(kind);
+                const auto what = "delete all notification with kind " + stored(kind);
+                if (const auto error = on.locked ? on.writeFailure() : on.readFailure())
+                    return on.log("Unable to " + what + ": ", *error), Write{what, "Unable to " + what + ": "};
+                NotificationIDs ids;
+                for (const auto& [id, n] : on.notifications) {
+                    if (n.notificationKind == kind) ids.insert(id);
+                }
+                on.remove(ids, {});
+                return {what, "Unable to " + what + ": "};
+            }
+            default: {
+                const Write write{"deleteAll", "Unable to reset notification database: "};
+                store->store->deleteAll();
+                if (on.locked) return on.log(write.failure, busyError), write;
+                if (on.noNotifications()) return write;
+                if (!on.notifications.empty()) ++on.notices;
+                on.notifications.clear();
+                if (!on.noButtons()) on.buttons.clear();
+                return write;
+            }
+        }
+    }
+
+    // A write of one transaction while the disk fails at one of its next calls, or dies, and with
+    // `power`, the power goes right after it. It either fails with its own message and leaves
+    // the tables as they were, or completes; after a power cut no write it reported is lost.
+    std::string failingWrite(bool power) {
+        using Disk = testing::FaultyDisk;
+        const auto call = power ? pick({Disk::write, Disk::sync}) : pick({Disk::write, Disk::sync, Disk::truncate});
+        const bool full = call == Disk::write && chance(0.3);
+        const std::pair<int, std::string> errors[] = {
+            {SQLITE_IOERR_WRITE, "SQLite error 10 (SQLITE_IOERR_WRITE): disk I/O error"},
+            {SQLITE_IOERR_FSYNC, "SQLite error 10 (SQLITE_IOERR_FSYNC): disk I/O error"},
+            {SQLITE_IOERR_TRUNCATE, "SQLite error 10 (SQLITE_IOERR_TRUNCATE): disk I/O error"},
+            {SQLITE_FULL, "SQLite error 13 (SQLITE_FULL): database or disk is full"}};
+        const auto& [code, error] = errors[full ? 3 : call];
+        disk.failAt(call, call == Disk::sync || chance(0.6) ? 1 : 2 + int(pick(2)), code, power || chance(0.3));
+        Model after = model;
+        const Write write = someWrite(pick(6), after);
+        if (power) closeAndOpen([this] { disk.repair(), disk.powerCut(); });
+        disk.repair();
+        const bool failed = services.messages() == std::vector{write.failure + error};
+        if (tablesAre(after) && !(failed && tablesAre(model))) {
+            model = std::move(after);
+            model.cover(power ? "power: a write kept" : "disk: a write done");
+        } else {
+            model.log(write.failure, error);
+            model.cover(power ? "power: a failed write gone" : "disk: a failed write undone");
+        }
+        EXPECT_EQ(other->query("PRAGMA integrity_check"), Rows{{"ok"}});
+        // A commit whose sync failed left frames in the log that a later sync can make durable, so
+        // that a crash may still bring it back (as with any disk whose sync fails); a clean restart,
+        // which empties the log, settles it.
+        if (!power && call == Disk::sync) closeAndOpen([] {});
+        return std::string(power ? "the power goes after " : "the disk fails during ") + write.what;
+    }
+
+    // Closes every connection to the file, runs `meanwhile`, and opens them again.
+    template <class Meanwhile>
+    void closeAndOpen(Meanwhile meanwhile) {
+        store->store.reset(), other.reset();
+        meanwhile();
+        store->store = NotificationDatabaseImpl::create(config, services.services());
+        openOther();
+    }
+
     std::string step() {
-        if (lockedSteps > 0 && --lockedSteps == 0) other.execute("COMMIT"), model.locked = false;
+        if (lockedSteps > 0 && --lockedSteps == 0) other->execute("COMMIT"), model.locked = false;
         if (droppedSteps > 0 && --droppedSteps == 0) {  // the table comes back with its index, rows and counter
-            for (const auto& sql : droppedSchema) other.execute(sql.at(0));
-            other.execute("INSERT INTO " + model.dropped + " SELECT * FROM saved");
-            other.execute("DROP TABLE saved");
-            other.execute("DELETE FROM sqlite_sequence WHERE name = '" + model.dropped + "'");
-            other.execute("INSERT INTO sqlite_sequence VALUES ('" + model.dropped + "', " + droppedSequence + ")");
+            for (const auto& sql : droppedSchema) other->execute(sql.at(0));
+            other->execute("INSERT INTO " + model.dropped + " SELECT * FROM saved");
+            other->execute("DROP TABLE saved");
+            other->execute("DELETE FROM sqlite_sequence WHERE name = '" + model.dropped + "'");
+            other->execute("INSERT INTO sqlite_sequence VALUES ('" + model.dropped + "', " + droppedSequence + ")");
             model.dropped.clear();
         }
         // The weight of each kind of step, in the order of the cases. Another program acts only
         // while the tables are all there, and under its own lock does nothing but a reopen; while
         // a table is gone, its turns ask the two questions.
-        int kind = std::discrete_distribution<int>{12, 4, 2, 2, 3, 2, 3, 2, 2, 2, 2, 2, 1, 2, 1, 1}(random);
+        int kind = std::discrete_distribution<int>{12, 4, 2, 2, 3, 2, 3, 2, 2, 2, 2, 2, 1, 2, 1, 1, 3, 3}(random);
         if (kind >= 12 && !model.dropped.empty()) kind = chance(0.5) ? 9 : 10;
-        if (kind >= 12 && model.locked && kind < 15) return "nothing";
+        if (kind >= 12 && model.locked && kind != 15) return "nothing";
         switch (kind) {
-            case 0: {
-                const auto info = someInfo();
-                store->store->save(info), model.save(info);
-                return "save " + stored(info.notification.id());
-            }
+            case 0:
+                return someWrite(0, model).what;
             case 1: {
                 Infos batch;
                 for (std::size_t i = pick(5); i > 0; --i) batch.push_back(someInfo());
@@ -465,74 +603,14 @@ protected:
                 expectList(store->store->fetchNotifications(ids), model.read(ids));
                 return "fetch";
             }
-            case 4: {
-                const auto ids = someIDs();
-                const auto status = any(storedStatuses);
-                chance(0.5) ? store->store->updateStatus(ids, status) : updater.updateStatus(ids, status);
-                if (const auto failure = model.writeFailure()) {
-                    model.log("Unable to mark as read notification IDs: " + idList(ids) + ": ", *failure);
-                } else if (std::ranges::any_of(ids, [&](auto id) { return model.notifications.contains(id); })) {
-                    for (auto& [id, n] : model.notifications) {
-                        if (ids.contains(id)) n.status = status;
-                    }
-                    ++model.notices;
-                }
-                return "updateStatus " + idList(ids);
-            }
-            case 5: {
-                const auto ids = someIDs();
-                const bool visible = chance(0.5);
-                chance(0.5) ? store->store->updateButtonVisibility(ids, visible)
-                            : updater.updateButtonVisibility(ids, visible);
-                if (model.locked) {
-                    model.log("Unable to change button visibility for notification IDs: " + idList(ids) + ": ", busyError);
-                } else if (!model.noButtons()) {
-                    for (auto& [id, b] : model.buttons) {
-                        if (b.notificationId && ids.contains(*b.notificationId)) b.visible = visible;
-                    }
-                }
-                return "updateButtonVisibility " + idList(ids);
-            }
-            case 6: {
-                // Pairs as listed, made up, or made up around a stored button (of another notification or none).
-                NotificationModelInfoSet set;
-                const auto listed = model.list();
-                for (std::size_t i = pick(5); i > 0; --i) {
-                    auto info = chance(0.5) && !listed.empty() ? any(listed) : someInfo();
-                    if (!model.buttons.empty() && chance(0.3)) info.actionButton = any(model.buttons).second;
-                    set.insert(info);
-                }
-                store->store->deleteNotifications(set);
-                NotificationIDs ids, buttonIDs;
-                for (const auto& info : set) {
-                    if (info.notification.id()) ids.insert(*info.notification.id());
-                    if (info.actionButton && info.actionButton->id()) buttonIDs.insert(*info.actionButton->id());
-                }
-                model.remove(ids, buttonIDs);
-                return "delete " + std::to_string(set.size());
-            }
-            case 7: {
-                const auto kind = any(storedKinds);
-                store->store->deleteAllNotifications(kind);
-                const auto what = "delete all notification with kind " + stored(kind);
-                if (const auto failure = model.locked ? model.writeFailure() : model.readFailure())
-                    return model.log("Unable to " + what + ": ", *failure), what;
-                NotificationIDs ids;
-                for (const auto& [id, n] : model.notifications) {
-                    if (n.notificationKind == kind) ids.insert(id);
-                }
-                model.remove(ids, {});
-                return what;
-            }
+            case 4:
+            case 5:
+            case 6:
+            case 7:
+                return someWrite(kind - 3, model).what;
             case 8:
                 if (model.dropped.empty() && !chance(0.3)) return "nothing";
-                store->store->deleteAll();
-                if (model.locked) return model.log("Unable to reset notification database: ", busyError), "deleteAll";
-                if (model.noNotifications()) return "deleteAll";
-                if (!model.notifications.empty()) ++model.notices;
-                model.notifications.clear();
-                if (!model.noButtons()) model.buttons.clear();
-                return "deleteAll";
+                return someWrite(5, model).what;
             case 9:
                 for (int question = 0; question < 3; ++question) {
                     const auto version = any(versions);
@@ -577,31 +655,33 @@ protected:
             case 12: {  // a second button row for a stored notification
                 if (model.notifications.empty()) return "nothing";
                 const auto owner = any(model.notifications).first;
-                other.execute("INSERT INTO notificationButton VALUES (NULL, 'extra', NULL, 1, " +
-                              std::to_string(owner) + ", 2, x'00')");
+                other->execute("INSERT INTO notificationButton VALUES (NULL, 'extra', NULL, 1, " +
+                               std::to_string(owner) + ", 2, x'00')");
                 const std::int64_t id = ++model.buttonSequence;
                 model.buttons.insert_or_assign(id, NotificationButton(id, "extra", std::nullopt, true, owner,
                                                                       UserActionKind::openCollection, Bytes{0}));
                 return "another program adds a button to " + std::to_string(owner);
             }
             case 13:
-                other.execute("BEGIN IMMEDIATE");
+                other->execute("BEGIN IMMEDIATE");
                 model.locked = true;
                 lockedSteps = 1 + int(pick(3));
                 if (chance(0.6)) return reopen();
                 return "another program holds the write lock";
             case 14: {
                 model.dropped = chance(0.5) ? "notification" : "notificationButton";
-                droppedSchema = other.query("SELECT sql FROM sqlite_master WHERE tbl_name = '" + model.dropped +
-                                            "' ORDER BY type DESC");
+                droppedSchema = other->query("SELECT sql FROM sqlite_master WHERE tbl_name = '" + model.dropped +
+                                             "' ORDER BY type DESC");
                 droppedSequence = sequence(model.dropped);
-                other.execute("CREATE TABLE saved AS SELECT * FROM " + model.dropped);
-                other.execute("DROP TABLE " + model.dropped);
+                other->execute("CREATE TABLE saved AS SELECT * FROM " + model.dropped);
+                other->execute("DROP TABLE " + model.dropped);
                 droppedSteps = 2 + int(pick(4));
                 return "another program drops the table " + model.dropped;
             }
-            default:
+            case 15:
                 return reopen();
+            default:
+                return failingWrite(kind == 17);
         }
     }
 
@@ -626,8 +706,23 @@ protected:
         EXPECT_EQ(std::exchange(store->calls, {}), calls);
     }
 
+    // The rows of a table, or of the copy of one that another program dropped.
+    Rows tableRows(const std::string& table) const {
+        return other->query("SELECT * FROM " + (table == model.dropped ? "saved" : table) + " ORDER BY id");
+    }
+    template <class Entries>
+    static Rows rowsOf(const Entries& entries) {
+        Rows rows;
+        for (const auto& [id, entry] : entries) rows.push_back(row(entry));
+        return rows;
+    }
+    bool tablesAre(const Model& state) const {
+        return tableRows("notification") == rowsOf(state.notifications) &&
+               tableRows("notificationButton") == rowsOf(state.buttons);
+    }
+
     std::string sequence(const std::string& table) const {
-        return other.query("SELECT ifnull((SELECT seq FROM sqlite_sequence WHERE name = '" + table + "'), 0)")[0][0];
+        return other->query("SELECT ifnull((SELECT seq FROM sqlite_sequence WHERE name = '" + table + "'), 0)")[0][0];
     }
 
     static void expectList(const Infos& actual, const Infos& expected) {
@@ -653,14 +748,8 @@ protected:
         }
         EXPECT_EQ(messages, std::exchange(model.messages, {}));
 
-        const auto expectTable = [&](const std::string& table, const auto& entries) {
-            Rows rows;
-            for (const auto& [id, entry] : entries) rows.push_back(row(entry));
-            EXPECT_EQ(other.query("SELECT * FROM " + (table == model.dropped ? "saved" : table) + " ORDER BY id"), rows)
-                << table;
-        };
-        expectTable("notification", model.notifications);
-        expectTable("notificationButton", model.buttons);
+        EXPECT_EQ(tableRows("notification"), rowsOf(model.notifications)) << "notification";
+        EXPECT_EQ(tableRows("notificationButton"), rowsOf(model.buttons)) << "notificationButton";
         if (!model.dropped.empty()) return;
         EXPECT_EQ(sequence("notification"), std::to_string(model.notificationSequence));
         EXPECT_EQ(sequence("notificationButton"), std::to_string(model.buttonSequence));

@@ -46,8 +46,9 @@ public:
                                                             NotificationDatabaseServices services = {});
 
     // Posts at once, in commit order, every change notice that stores of this process have
-    // scheduled and not yet posted; their scheduled jobs then post nothing. For a process about
-    // to exit before its main queue runs them. Safe from any thread.
+    // scheduled and not yet posted (their scheduled jobs then post nothing), and returns once the
+    // notices are handed to the bus or, after 2 s, dropped with one logged message. For a process
+    // about to exit before its main queue runs them. Safe from any thread.
     static void postPendingNotices();
 
     ~NotificationDatabaseImpl() override;

@@ -1,37 +1,21 @@
-// A process that writes to a shared database file, started by the process tests.
+// A process that writes to a shared database file, started by the process tests:
 //
-//   ndb_child_writer saves <database> <writer> <count> <go file>
-//       Waits for <go file>, opens a store and saves <count> notifications titled "w<writer>-<j>". Prints
-//       "failed <title>" for each save that logged a failure, then "done".
-//   ndb_child_writer crash <database> <run>
-//       Receives notifications through an updater for ever, printing "committed <title>" after
-//       each batch returned, and "pruned <title>" for one created 40 days ago, which the batch's
-//       own pruning deletes again. Meant to be killed.
+//   ndb_child_writer <database> <writer> <count> <go file>
+//
+// Waits for <go file>, opens a store and saves <count> notifications titled "w<writer>-<j>"; every
+// tenth has a content key that all writers share, two of three carry a button named like the
+// notification. Prints "failed <title> <message>" for each save that logged a failure, then "done".
 
 #include "Testing.hpp"
-
-#include <NotificationDatabase/NotificationUpdater/NotificationUpdaterImpl.hpp>
 
 #include <iostream>
 #include <thread>
 
 using namespace notificationdb;
-using namespace std::chrono_literals;
 
 namespace {
 
-// A notification titled `title`; with `shared`, every tenth j has a content key that all writers
-// share. Two of three carry a button named like the notification.
-NotificationModelInfo notification(const std::string& title, int j, Timestamp created, bool shared = false) {
-    shared = shared && j % 10 == 0;
-    NotificationModel n(std::nullopt, shared ? "shared" : title, created, shared ? std::to_string(j) : title, "tag",
-                        title, std::nullopt, std::nullopt, false, j, NotificationStatus::new_,
-                        shared ? NotificationKind::newApp : *fromRawValue<NotificationKind>(j % 5));
-    if (j % 3 == 0) return NotificationModelInfo(n);
-    return {n, NotificationButton(std::nullopt, title, "Open", true, std::nullopt, UserActionKind::openApp, Bytes{0})};
-}
-
-// Prints the failures the library logs as they happen: a killed process prints nothing later.
+// Keeps the last failure the store logged.
 class Failures final : public LogDestination {
 public:
     void write(std::string_view, LogLevel, std::string_view message) override { logged = std::string(message); }
@@ -41,40 +25,34 @@ public:
 }  // namespace
 
 int main(int argc, char** argv) {
-    const std::string mode = argc > 3 ? argv[1] : "";
-    const NotificationDatabaseConfig config(
-        argv[2], Configuration{false, BusyMode::timeout(NotificationDatabaseConfig::busyTimeoutSeconds), false});
+    if (argc != 5) return std::cerr << "usage: ndb_child_writer <database> <writer> <count> <go file>\n", 2;
     // The store's failures go to `failures`; its notices are dropped.
     auto failures = std::make_shared<Failures>();
     const NotificationDatabaseServices services{
         std::make_shared<Logger>("root", nullptr, Logger::Destinations{failures}, false), [](auto, auto) {}, nullptr};
-    std::shared_ptr<NotificationDatabaseImpl> store;
-    if (mode == "saves") {
-        const std::string writer = argv[3];
-        std::cout << "ready" << std::endl;
-        while (!std::filesystem::exists(argv[5])) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        store = NotificationDatabaseImpl::create(config, services);  // as all the others create the file
-        for (int j = 0; j < std::atoi(argv[4]); ++j) {
-            const std::string title = "w" + writer + "-" + std::to_string(j);
-            failures->logged.clear();
-            store->save(notification(title, j, std::chrono::system_clock::now(), true));
-            if (!failures->logged.empty()) std::cout << "failed " << title << ' ' << failures->logged << '\n';
+    const std::string writer = argv[2];
+    std::cout << "ready" << std::endl;
+    while (!std::filesystem::exists(argv[4])) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    // Opened as all the others create the file.
+    auto store = NotificationDatabaseImpl::create(
+        NotificationDatabaseConfig(
+            argv[1], Configuration{false, BusyMode::timeout(NotificationDatabaseConfig::busyTimeoutSeconds), false}),
+        services);
+    for (int j = 0; j < std::atoi(argv[3]); ++j) {
+        const std::string title = "w" + writer + "-" + std::to_string(j);
+        const bool shared = j % 10 == 0;
+        const NotificationModel n(std::nullopt, shared ? "shared" : title, std::chrono::system_clock::now(),
+                                  shared ? std::to_string(j) : title, "tag", title, std::nullopt, std::nullopt, false,
+                                  j, NotificationStatus::new_,
+                                  shared ? NotificationKind::newApp : *fromRawValue<NotificationKind>(j % 5));
+        failures->logged.clear();
+        if (j % 3 == 0) {
+            store->save(n);
+        } else {
+            store->save({n, NotificationButton(std::nullopt, title, "Open", true, std::nullopt, UserActionKind::openApp,
+                                               Bytes{0})});
         }
-    } else if (mode == "crash") {
-        store = NotificationDatabaseImpl::create(config, services);
-        NotificationUpdaterImpl updater(store);
-        std::cout << "ready" << std::endl;
-        for (int j = 1;; ++j) {
-            const std::string title = "r" + std::string(argv[3]) + "-" + std::to_string(j);
-            const bool old = j % 7 == 3;
-            updater.receive({notification(title, j, std::chrono::system_clock::now() - (old ? 960h : 0h))});
-            if (!failures->logged.empty()) return std::cout << "failed " << failures->logged << std::endl, 1;
-            std::cout << (old ? "pruned " : "committed ") << title << std::endl;
-        }
-    } else {
-        std::cerr << "usage: ndb_child_writer saves|crash <database> ...\n";
-        return 2;
+        if (!failures->logged.empty()) std::cout << "failed " << title << ' ' << failures->logged << '\n';
     }
     std::cout << "done" << std::endl;
-    return 0;
 }

@@ -75,6 +75,8 @@ public:
                 },
                 center_};
     }
+    // The messages logged so far.
+    std::vector<std::string> messages() const { return log_->messages(); }
     // The messages logged so far, and then none.
     std::vector<CapturingLogDestination::Entry> takeLog() {
         auto entries = log_->entries();
@@ -187,7 +189,7 @@ public:
         if (!text.empty() && text.back() == '\n') text.pop_back();
         return text;
     }
-    void kill() const { ::kill(pid_, SIGKILL); }
+    void kill(int signal = SIGKILL) const { ::kill(pid_, signal); }
     // The exit status, 128 + the signal for a killed child.
     int wait() {
         int status = 0;

@@ -27,9 +27,6 @@ namespace notificationdb {
 
 namespace {
 
-// How long a post may wait for the bus to accept it. A healthy session bus answers within
-// milliseconds; this only bounds the damage of a stuck one.
-constexpr auto postTimeout = std::chrono::seconds(2);
 // Bound on the bus's own method calls (registering the match rule of an observer).
 constexpr std::uint64_t methodCallTimeoutMicroseconds = 5'000'000;
 
@@ -59,10 +56,10 @@ std::string describeBusError(int negativeErrno) {
 
 // Posts can fail on every database change; one message per kind of failure and process is
 // enough to diagnose it without flooding the host's log.
-enum class PostFailure : std::size_t { invalidName = 0, noBus = 1, sendFailed = 2 };
+enum class PostFailure : std::size_t { invalidName = 0, noBus = 1, sendFailed = 2, notTaken = 3 };
 
 void reportPostFailure(PostFailure kind, const std::string& name, const std::string& reason) {
-    static std::array<std::atomic<bool>, 3> reported{};
+    static std::array<std::atomic<bool>, 4> reported{};
     if (reported.at(static_cast<std::size_t>(kind)).exchange(true)) return;
     Logger::module()->log(LogLevel::error, "Unable to post distributed notification " + name + ": " + reason);
 }
@@ -233,9 +230,10 @@ private:
     std::thread thread_;
 };
 
-class DBusNotificationCenter final : public DistributedNotificationCenter {
+class DBusNotificationCenter final : public DistributedNotificationCenter,
+                                     public std::enable_shared_from_this<DBusNotificationCenter> {
 public:
-    DBusNotificationCenter() = default;
+    explicit DBusNotificationCenter(MainQueue::Scheduler mainQueue) : mainQueue_(std::move(mainQueue)) {}
     DBusNotificationCenter(const DBusNotificationCenter&) = delete;
     DBusNotificationCenter& operator=(const DBusNotificationCenter&) = delete;
     ~DBusNotificationCenter() override = default;
@@ -253,26 +251,40 @@ public:
         // forked); such a failure earns one retry on a fresh connection.
         for (int attempt = 0; attempt < 2; ++attempt) {
             if (bus_ && sd_bus_is_open(bus_.get()) <= 0) bus_.reset();
-            bool reused = static_cast<bool>(bus_);
+            const bool reused = static_cast<bool>(bus_);
             if (!bus_) {
-                int opened = openSessionBus(bus_);
-                if (opened < 0) {
+                if (const int opened = openSessionBus(bus_); opened < 0) {
                     bus_.reset();
                     reportPostFailure(PostFailure::noBus, name, "no session bus (" + describeBusError(opened) + ")");
                     return;
                 }
             }
-            int result = sd_bus_emit_signal(bus_.get(), path.c_str(), interface.c_str(), name.c_str(), nullptr);
-            if (result >= 0) {
-                result = flushWithin(bus_.get(), std::chrono::duration_cast<std::chrono::microseconds>(postTimeout));
+            std::uint64_t queued = 0;
+            sd_bus_get_n_queued_write(bus_.get(), &queued);
+            if (queued >= maximumQueued) {
+                // The bus has taken nothing for a long while: what waits is dropped, not hoarded.
+                reportPostFailure(PostFailure::notTaken, name, "the session bus takes no notices");
+                bus_.reset();
+                return;
             }
-            if (result >= 0) return;
+            const int result = sd_bus_emit_signal(bus_.get(), path.c_str(), interface.c_str(), name.c_str(), nullptr);
+            if (result >= 0) return drive(name);
             bus_.reset();
             if (!reused) {
                 reportPostFailure(PostFailure::sendFailed, name, describeBusError(result));
                 return;
             }
         }
+    }
+
+    void flush(std::chrono::milliseconds timeout) override {
+        std::lock_guard lock(mutex_);
+        if (!bus_) return;
+        if (flushWithin(bus_.get(), timeout) >= 0) return;
+        Logger::module()->log(LogLevel::error,
+                              "Unable to post distributed notifications: the session bus did not take them within " +
+                                  std::to_string(timeout.count()) + " ms");
+        bus_.reset();
     }
 
     std::unique_ptr<ObserverToken> addObserver(const std::string& name, Handler handler) override {
@@ -304,14 +316,49 @@ public:
     }
 
 private:
+    // The most notices that wait for the bus before the waiting ones are dropped.
+    static constexpr std::uint64_t maximumQueued = 1000;
+    static constexpr auto retryInterval = std::chrono::milliseconds(50);
+
+    // Hands to the bus whatever it takes now, without waiting; while some is left, drives the
+    // connection again from the main queue a moment later. Called with `mutex_` held.
+    void drive(const std::string& name) {
+        int result = 0;
+        while ((result = sd_bus_process(bus_.get(), nullptr)) > 0) {
+        }
+        std::uint64_t queued = 0;
+        if (result >= 0) result = sd_bus_get_n_queued_write(bus_.get(), &queued);
+        if (result < 0) {
+            reportPostFailure(PostFailure::sendFailed, name, describeBusError(result));
+            bus_.reset();
+            return;
+        }
+        if (queued == 0 || retryScheduled_) return;
+        retryScheduled_ = true;
+        MainQueue::Job retry = [weak = weak_from_this(), name] {
+            const auto self = weak.lock();
+            if (!self) return;
+            std::lock_guard lock(self->mutex_);
+            self->retryScheduled_ = false;
+            if (self->bus_) self->drive(name);
+        };
+        if (mainQueue_) {
+            mainQueue_(MainQueue::Clock::now() + retryInterval, std::move(retry));
+        } else {
+            MainQueue::main().asyncAfter(retryInterval, std::move(retry));
+        }
+    }
+
+    MainQueue::Scheduler mainQueue_;
     std::mutex mutex_;
     BusPointer bus_;
+    bool retryScheduled_ = false;
 };
 
 }  // namespace
 
 // A single center for the process: posts scheduled by static destructors must still find one.
-using DefaultCenter = detail::ReplaceableDefault<DistributedNotificationCenter, makeDBusNotificationCenter>;
+using DefaultCenter = detail::ReplaceableDefault<DistributedNotificationCenter, [] { return makeDBusNotificationCenter(); }>;
 
 std::shared_ptr<DistributedNotificationCenter> DistributedNotificationCenter::defaultCenter() {
     return DefaultCenter::get();
@@ -321,8 +368,10 @@ void DistributedNotificationCenter::setDefaultCenter(std::shared_ptr<Distributed
     DefaultCenter::set(std::move(center));
 }
 
-std::shared_ptr<DistributedNotificationCenter> makeDBusNotificationCenter() {
-    return std::make_shared<DBusNotificationCenter>();
+void DistributedNotificationCenter::flush(std::chrono::milliseconds /*timeout*/) {}
+
+std::shared_ptr<DistributedNotificationCenter> makeDBusNotificationCenter(MainQueue::Scheduler mainQueue) {
+    return std::make_shared<DBusNotificationCenter>(std::move(mainQueue));
 }
 
 }  // namespace notificationdb

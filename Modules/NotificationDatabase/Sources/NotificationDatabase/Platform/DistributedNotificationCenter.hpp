@@ -1,7 +1,9 @@
 #pragma once
 
 #include <NotificationDatabase/Export.hpp>
+#include <NotificationDatabase/Platform/MainQueue.hpp>
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -39,9 +41,14 @@ public:
     // Replaces the process-wide center; `nullptr` restores the D-Bus one.
     static void setDefaultCenter(std::shared_ptr<DistributedNotificationCenter> center);
 
-    // Sends the notice `name` to all processes of the user, this one included, at once; waits
-    // at most a moment for the bus to take it. Failures are logged once per kind and process.
+    // Sends the notice `name` to all processes of the user, this one included, without waiting
+    // for the bus: what the bus does not take at once goes out later, in order. Failures are
+    // logged once per kind and process.
     virtual void post(const std::string& name) = 0;
+    // Returns once every notice posted so far is handed to the bus, or after `timeout`; what is
+    // left then is dropped with one logged message. For a process about to exit. Does nothing
+    // unless the center keeps notices back.
+    virtual void flush(std::chrono::milliseconds timeout);
 
     // Calls `handler` on the main queue (`MainQueue::main()`) for every post of `name` by any
     // process made after this returns. Each observer has its own bus connection and listening
@@ -50,7 +57,11 @@ public:
     virtual std::unique_ptr<ObserverToken> addObserver(const std::string& name, Handler handler) = 0;
 };
 
-// The session-bus implementation (sd-bus).
-NOTIFICATIONDB_API std::shared_ptr<DistributedNotificationCenter> makeDBusNotificationCenter();
+// The session-bus implementation (sd-bus). A notice the bus does not take at once (a stalled or
+// slow bus daemon, or one still answering the connection) waits in the connection's queue, which
+// `mainQueue` (`MainQueue::main()` when empty) drives again every 50 ms until it is empty or the
+// connection fails; a post never blocks its caller.
+NOTIFICATIONDB_API std::shared_ptr<DistributedNotificationCenter> makeDBusNotificationCenter(
+    MainQueue::Scheduler mainQueue = {});
 
 }  // namespace notificationdb

@@ -53,6 +53,13 @@ private:
     std::string column_;
 };
 
+// A record's field holds a value that its column cannot store. The text names the table and the
+// column, never the value.
+class NOTIFICATIONDB_API RecordEncodingError : public std::runtime_error {
+public:
+    RecordEncodingError(std::string_view table, std::string_view column, std::string_view reason);
+};
+
 // A field of `Record`: its key and the member that holds it.
 template <class Record, class Member>
 struct Field {

@@ -1,8 +1,5 @@
 #include "NotificationDatabase/RecordCoding/RowCoding.hpp"
 
-#include <cmath>
-#include <limits>
-
 namespace notificationdb::detail {
 
 namespace {
@@ -20,42 +17,6 @@ void appendQuoted(std::string& sql, std::string_view identifier) {
 
 void throwMissing(std::string_view table, std::string_view field, bool columnMissing) {
     throw RecordDecodingError(table, field, columnMissing ? "column is missing" : "required value is NULL");
-}
-
-std::int64_t integerColumn(const Row& row, int index, ColumnType type, std::string_view table, std::string_view field) {
-    if (type == ColumnType::integer) return row.int64(index);
-    if (type == ColumnType::real) {
-        const double value = row.real(index);
-        // 2^63 is exactly representable; anything at or beyond it does not fit.
-        constexpr double limit = 9223372036854775808.0;
-        if (std::isfinite(value) && std::trunc(value) == value && value >= -limit && value < limit) {
-            return static_cast<std::int64_t>(value);
-        }
-    }
-    throw RecordDecodingError(table, field, "value is not an integer");
-}
-
-bool booleanColumn(const Row& row, int index, ColumnType type, std::string_view table, std::string_view field) {
-    if (type == ColumnType::integer) return row.int64(index) != 0;
-    if (type == ColumnType::real) return row.real(index) != 0.0;
-    throw RecordDecodingError(table, field, "value is not a boolean");
-}
-
-std::string textColumn(const Row& row, int index, ColumnType type, std::string_view table, std::string_view field) {
-    if (type == ColumnType::text) return std::string(row.text(index));
-    throw RecordDecodingError(table, field, "value is not text");
-}
-
-Bytes bytesColumn(const Row& row, int index, ColumnType type, std::string_view table, std::string_view field) {
-    if (type == ColumnType::blob) {
-        const auto bytes = row.blob(index);
-        return Bytes(bytes.begin(), bytes.end());
-    }
-    if (type == ColumnType::text) {
-        const std::string_view text = row.text(index);
-        return Bytes(text.begin(), text.end());
-    }
-    throw RecordDecodingError(table, field, "value is not a byte string");
 }
 
 Timestamp dateColumn(const Row& row, int index, ColumnType type, std::string_view table, std::string_view field) {
@@ -89,7 +50,7 @@ void bindValue(Statement& statement, int index, const std::string& value, std::s
 
 void bindValue(Statement& statement, int index, Timestamp value, std::string_view table, std::string_view field) {
     const auto text = formatDateText(value);
-    if (!text) throw RecordDecodingError(table, field, "date is outside years 0000 to 9999");
+    if (!text) throw RecordEncodingError(table, field, "the date has no stored form outside years 0000 to 9999");
     statement.bind(index, std::string_view(*text));
 }
 

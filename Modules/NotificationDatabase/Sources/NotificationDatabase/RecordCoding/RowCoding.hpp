@@ -22,18 +22,13 @@ namespace detail {
 // Throws the `RecordDecodingError` of a required field whose column is NULL or missing.
 [[noreturn]] void throwMissing(std::string_view table, std::string_view field, bool columnMissing);
 
-// Conversions of the non-NULL value in column `index` of `row`, whose storage class is `type`;
-// each throws `RecordDecodingError` naming `table` and `field` when the value cannot take the
-// kind. Integers also come from whole REAL values, booleans from any number, byte strings
-// from BLOB or TEXT, dates from date text or seconds since 1970.
-std::int64_t integerColumn(const Row& row, int index, ColumnType type, std::string_view table, std::string_view field);
-bool booleanColumn(const Row& row, int index, ColumnType type, std::string_view table, std::string_view field);
-std::string textColumn(const Row& row, int index, ColumnType type, std::string_view table, std::string_view field);
-Bytes bytesColumn(const Row& row, int index, ColumnType type, std::string_view table, std::string_view field);
+// The date in column `index` of `row`, whose storage class is `type` (not NULL): date text, or a
+// number of seconds since 1970. Throws `RecordDecodingError` naming `table` and `field` for
+// anything else.
 Timestamp dateColumn(const Row& row, int index, ColumnType type, std::string_view table, std::string_view field);
 
 // Binds `value` in its storage form, text and bytes without a copy (see
-// `Statement::bindNoCopy`). Throws `DatabaseError`, or `RecordDecodingError` naming `table` and
+// `Statement::bindNoCopy`). Throws `DatabaseError`, or `RecordEncodingError` naming `table` and
 // `field` for a date that has no stored form.
 void bindValue(Statement& statement, int index, std::int64_t value, std::string_view table, std::string_view field);
 void bindValue(Statement& statement, int index, const std::string& value, std::string_view table,
@@ -71,8 +66,11 @@ std::array<int, fieldCount<Record>> columnsOf(const Row& row) {
 }
 
 // A `FieldSource` reading straight from the columns of a row: field `i` is the column at
-// `columns[i]` (-1 when the row has no such column, which reads as absent). Text and bytes go
-// straight into the record's member; the common storage class of each kind is read inline.
+// `columns[i]` (-1 when the row has no such column, which reads as absent). A value that is not
+// NULL takes its field's type as SQLite converts it: integers (and enumerations, and booleans, true
+// for any integer but 0) as `sqlite3_column_int64` gives them, text as `sqlite3_column_text`,
+// bytes as `sqlite3_column_blob`; dates are read from date text or a number of seconds since 1970.
+// Text and bytes go straight into the record's member.
 template <class Record>
 class RowFields {
 public:
@@ -98,30 +96,19 @@ private:
 
     template <class Value>
     void read(std::size_t i, int index, ColumnType type, Value& out) {
-        const std::string_view field = fieldDescriptors<Record>[i].name;
         if constexpr (std::is_same_v<Value, std::int64_t>) {
-            out = type == ColumnType::integer ? row_.int64(index)
-                                              : detail::integerColumn(row_, index, type, table, field);
+            out = row_.int64(index);
         } else if constexpr (std::is_same_v<Value, bool>) {
-            out = type == ColumnType::integer ? row_.int64(index) != 0
-                                              : detail::booleanColumn(row_, index, type, table, field);
-        } else if constexpr (std::is_same_v<Value, Timestamp>) {
-            const auto date = type == ColumnType::text ? parseDateText(row_.text(index)) : std::nullopt;
-            out = date ? *date : detail::dateColumn(row_, index, type, table, field);
+            out = row_.int64(index) != 0;
         } else if constexpr (std::is_same_v<Value, std::string>) {
-            if (type != ColumnType::text) {
-                out = detail::textColumn(row_, index, type, table, field);
-                return;
-            }
             out.assign(row_.text(index));
-        } else {
-            static_assert(std::is_same_v<Value, Bytes>);
-            if (type != ColumnType::blob) {
-                out = detail::bytesColumn(row_, index, type, table, field);
-                return;
-            }
+        } else if constexpr (std::is_same_v<Value, Bytes>) {
             const auto bytes = row_.blob(index);
             out.assign(bytes.begin(), bytes.end());
+        } else {
+            static_assert(std::is_same_v<Value, Timestamp>);
+            const auto date = type == ColumnType::text ? parseDateText(row_.text(index)) : std::nullopt;
+            out = date ? *date : detail::dateColumn(row_, index, type, table, fieldDescriptors<Record>[i].name);
         }
     }
 
