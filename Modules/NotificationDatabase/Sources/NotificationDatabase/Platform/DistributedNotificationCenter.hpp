@@ -46,8 +46,9 @@ public:
     // Calls `handler` on the main queue (`MainQueue::main()`) for every post of `name` by any
     // process made after this returns. Each observer has its own bus connection and listening
     // thread. Returns null when the bus cannot be reached or `name` is not a valid member name
-    // (the failure is logged).
-    virtual std::unique_ptr<ObserverToken> addObserver(const std::string& name, Handler handler) = 0;
+    // (the failure is logged). The observation lasts as long as the token: a token dropped at
+    // once ends it before any notice arrives.
+    [[nodiscard]] virtual std::unique_ptr<ObserverToken> addObserver(const std::string& name, Handler handler) = 0;
 };
 
 // The session-bus implementation (sd-bus).
