@@ -3,6 +3,7 @@
 
 #include "Testing.hpp"
 
+#include <NotificationDatabase/DatabaseUpdateObserver.hpp>
 #include <NotificationDatabase/Platform/DistributedNotificationCenter.hpp>
 #include <NotificationDatabase/Version.hpp>
 
@@ -136,11 +137,41 @@ TEST(Platform, NoticesWithoutABusAreLoggedAndDropped) {
     for (int i = 0; i < 3; ++i) center->post("ndbNoBus");
     EXPECT_EQ(center->addObserver("has-dash", [](const auto&) {}), nullptr);
     EXPECT_EQ(center->addObserver("ndbNoBus", [](const auto&) {}), nullptr);
+    EXPECT_FALSE(DatabaseUpdateObserver([] {}, center).isObserving());
     std::vector<std::string> messages;
     for (const auto& entry : log.take()) messages.push_back(entry.message.substr(0, entry.message.find(": ")));
     EXPECT_EQ(messages, (std::vector<std::string>{"Unable to post distributed notification ndbNoBus",
                                                   "Unable to observe distributed notification has-dash",
-                                                  "Unable to observe distributed notification ndbNoBus"}));
+                                                  "Unable to observe distributed notification ndbNoBus",
+                                                  "Unable to observe distributed notification databaseUpdatedNotification"}));
+}
+
+// An update observer hears the change notice through its center and runs its handler on its
+// own queue, and only while it lives: a notice still waiting when it ends is dropped.
+TEST(Platform, UpdateObserverRunsItsHandlerOnItsQueueWhileItLives) {
+    struct RecordingCenter final : DistributedNotificationCenter {
+        void post(const std::string& /*name*/) override {}
+        std::unique_ptr<ObserverToken> addObserver(const std::string& name, Handler handler) override {
+            observed.emplace_back(name, std::move(handler));
+            return std::make_unique<ObserverToken>();
+        }
+        std::vector<std::pair<std::string, Handler>> observed;
+    };
+    auto center = std::make_shared<RecordingCenter>();
+    MainQueue queue;
+    std::vector<std::string> heard;
+    auto onMain = std::make_optional<DatabaseUpdateObserver>([&heard] { heard.push_back("main"); }, center);
+    auto onOwn = std::make_optional<DatabaseUpdateObserver>([&heard] { heard.push_back("own"); }, center, queue);
+    ASSERT_EQ(center->observed.size(), 2U);
+    EXPECT_EQ(center->observed[0].first, "databaseUpdatedNotification");
+    for (const auto& [name, deliver] : center->observed) deliver(name);  // as the center does, on the main queue
+    EXPECT_EQ(heard, std::vector<std::string>{"main"}) << "the own queue's handler ran before its queue did";
+    EXPECT_EQ(queue.runUntilIdle(), 1U);
+    center->observed[1].second(center->observed[1].first);
+    *onMain = std::move(*onOwn);
+    onMain.reset();
+    EXPECT_EQ(queue.runUntilIdle(), 1U);
+    EXPECT_EQ(heard, (std::vector<std::string>{"main", "own"})) << "a notice ran after its observer ended";
 }
 
 // A process about to exit posts the notices its stores scheduled at once, and their jobs then

@@ -8,6 +8,7 @@
 #include "Testing.hpp"
 
 #include <NotificationDatabase/DatabaseError.hpp>
+#include <NotificationDatabase/ExistingStore.hpp>
 #include <NotificationDatabase/NotificationUpdater/NotificationUpdaterImpl.hpp>
 
 #include <gtest/gtest.h>
@@ -193,6 +194,16 @@ TEST(StoreOpening, FailsWithTheDatabaseErrorOnFilesThatCannotServe) {
             EXPECT_TRUE(code != 14 || error.message().ends_with(": " + (directory / file).string())) << error.what();
         }
     }
+    // A process that only reads and starts first finds nothing to open until a writer has made
+    // the file and its tables, and says so without a message; a file that is no database fails.
+    const auto reading = [&](const char* file) {
+        return NotificationDatabaseConfig(directory / file, Configuration{true, BusyMode::immediateError(), false});
+    };
+    EXPECT_EQ(openExistingStore(reading("absent.sqlite")), nullptr);
+    EXPECT_EQ(openExistingStore(reading("empty")), nullptr);
+    EXPECT_THROW(openExistingStore(reading("garbage")), DatabaseError);
+    NotificationDatabaseImpl::create(NotificationDatabaseConfig(directory / "empty", Configuration{}));
+    EXPECT_NE(openExistingStore(reading("empty")), nullptr);
     EXPECT_FALSE(std::filesystem::exists(directory / "absent.sqlite")) << "a read-only store created its file";
     const auto logged = log.take();
     ASSERT_EQ(logged.size(), 1U) << "only the folder that cannot be made is logged";
