@@ -140,10 +140,11 @@ TEST(Platform, NoticesWithoutABusAreLoggedAndDropped) {
     EXPECT_FALSE(DatabaseUpdateObserver([] {}, center).isObserving());
     std::vector<std::string> messages;
     for (const auto& entry : log.take()) messages.push_back(entry.message.substr(0, entry.message.find(": ")));
-    EXPECT_EQ(messages, (std::vector<std::string>{"Unable to post distributed notification ndbNoBus",
-                                                  "Unable to observe distributed notification has-dash",
-                                                  "Unable to observe distributed notification ndbNoBus",
-                                                  "Unable to observe distributed notification databaseUpdatedNotification"}));
+    EXPECT_EQ(messages,
+              (std::vector<std::string>{"Unable to post distributed notification ndbNoBus",
+                                        "Unable to observe distributed notification has-dash",
+                                        "Unable to observe distributed notification ndbNoBus",
+                                        "Unable to observe distributed notification databaseUpdatedNotification"}));
 }
 
 // An update observer hears the change notice through its center and runs its handler on its

@@ -16,7 +16,8 @@ std::shared_ptr<NotificationDatabaseImpl> openExistingStore(const NotificationDa
         if (!config.configuration().readOnly) throw;
         // Not made yet: no file at all, or a file whose writer has not created the tables yet.
         std::error_code ignored;
-        const bool absent = error.resultCode() == SQLITE_CANTOPEN && !std::filesystem::exists(config.storageURL(), ignored);
+        const bool absent =
+            error.resultCode() == SQLITE_CANTOPEN && !std::filesystem::exists(config.storageURL(), ignored);
         if (absent || error.resultCode() == SQLITE_READONLY) return nullptr;
         throw;
     }

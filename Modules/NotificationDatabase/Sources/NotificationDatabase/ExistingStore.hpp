@@ -14,6 +14,7 @@ namespace notificationdb {
 // later, for instance when the writer's first `databaseUpdated()` notice arrives. Every other
 // failure throws `DatabaseError` as `NotificationDatabaseImpl::create` does, and so does any
 // failure with a configuration that may write.
-NOTIFICATIONDB_API std::shared_ptr<NotificationDatabaseImpl> openExistingStore(const NotificationDatabaseConfig& config);
+NOTIFICATIONDB_API std::shared_ptr<NotificationDatabaseImpl> openExistingStore(
+    const NotificationDatabaseConfig& config);
 
 }  // namespace notificationdb

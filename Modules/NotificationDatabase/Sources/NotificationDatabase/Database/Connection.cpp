@@ -67,8 +67,8 @@ Connection::Connection(const std::filesystem::path& path, Mode mode, const BusyM
         const DatabaseError failure = databaseError(db_, rc, "");
         sqlite3_close_v2(db_);
         db_ = nullptr;
-        throw DatabaseError(failure.resultCode(), failure.extendedResultCode(), failure.message() + ": " + path.string(),
-                            "");
+        throw DatabaseError(failure.resultCode(), failure.extendedResultCode(),
+                            failure.message() + ": " + path.string(), "");
     }
     sqlite3_extended_result_codes(db_, 1);
     // A double-quoted name that matches no column would otherwise be taken as a string literal:
