@@ -6,12 +6,16 @@
 #   tool              the notificationdb tool and what comes with it       notificationdb
 #   glib_runtime      libNotificationDatabaseGLib.so.1                    libnotificationdatabaseglib1
 #   glib_development  its header, .so link, CMake component, .pc file      libnotificationdatabaseglib-dev
+#   qt_runtime        libNotificationDatabaseQt.so.1                      libnotificationdatabaseqt1
+#   qt_development    its headers, .so link, CMake component, .pc file     libnotificationdatabaseqt-dev
 
 set(NDB_PACKAGE_runtime libnotificationdatabase${NOTIFICATIONDB_ABI_VERSION})
 set(NDB_PACKAGE_development libnotificationdatabase-dev)
 set(NDB_PACKAGE_tool notificationdb)
 set(NDB_PACKAGE_glib_runtime libnotificationdatabaseglib${NOTIFICATIONDB_ABI_VERSION})
 set(NDB_PACKAGE_glib_development libnotificationdatabaseglib-dev)
+set(NDB_PACKAGE_qt_runtime libnotificationdatabaseqt${NOTIFICATIONDB_ABI_VERSION})
+set(NDB_PACKAGE_qt_development libnotificationdatabaseqt-dev)
 
 set(NDB_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/NotificationDatabase)
 set(NDB_PKGCONFIG_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
@@ -83,6 +87,25 @@ if(TARGET NotificationDatabaseGLib)
         DESTINATION ${NDB_PKGCONFIG_DIR} COMPONENT glib_development)
 endif()
 
+if(TARGET NotificationDatabaseQt)
+    install(FILES ${NDB_QT_PUBLIC_HEADERS}
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/NotificationDatabase/Qt COMPONENT qt_development)
+    install(TARGETS NotificationDatabaseQt
+        EXPORT NotificationDatabaseQtTargets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT qt_runtime NAMELINK_COMPONENT qt_development
+        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT qt_development
+        RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT qt_runtime
+        INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+    install(EXPORT NotificationDatabaseQtTargets
+        FILE NotificationDatabaseQtTargets.cmake
+        NAMESPACE NotificationDatabase::
+        DESTINATION ${NDB_CMAKE_DIR}
+        COMPONENT qt_development)
+    configure_file(cmake/NotificationDatabaseQt.pc.in ${CMAKE_CURRENT_BINARY_DIR}/NotificationDatabaseQt.pc @ONLY)
+    install(FILES ${CMAKE_CURRENT_BINARY_DIR}/NotificationDatabaseQt.pc
+        DESTINATION ${NDB_PKGCONFIG_DIR} COMPONENT qt_development)
+endif()
+
 # Each package carries the license, where Debian looks for it.
 set(_ndb_components runtime development)
 if(TARGET notificationdb)
@@ -90,6 +113,9 @@ if(TARGET notificationdb)
 endif()
 if(TARGET NotificationDatabaseGLib)
     list(APPEND _ndb_components glib_runtime glib_development)
+endif()
+if(TARGET NotificationDatabaseQt)
+    list(APPEND _ndb_components qt_runtime qt_development)
 endif()
 foreach(component IN LISTS _ndb_components)
     install(FILES LICENSE DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${NDB_PACKAGE_${component}}

@@ -46,6 +46,11 @@ set(CPACK_DEBIAN_GLIB_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_GLIB_DEVELOPMENT_PACKAGE_NAME ${NDB_PACKAGE_glib_development})
 set(CPACK_DEBIAN_GLIB_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_GLIB_DEVELOPMENT_PACKAGE_DEPENDS "libglib2.0-dev")
+set(CPACK_DEBIAN_QT_RUNTIME_PACKAGE_NAME ${NDB_PACKAGE_qt_runtime})
+set(CPACK_DEBIAN_QT_RUNTIME_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_QT_DEVELOPMENT_PACKAGE_NAME ${NDB_PACKAGE_qt_development})
+set(CPACK_DEBIAN_QT_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_QT_DEVELOPMENT_PACKAGE_DEPENDS "qt6-base-dev")
 
 include(CPack)
 
@@ -75,4 +80,16 @@ observes, in a GLib main context.")
         DESCRIPTION "development files of the NotificationDatabase GLib adapter
 Header, CMake component (find_package(NotificationDatabase COMPONENTS GLib))
 and pkg-config file (NotificationDatabaseGLib).")
+endif()
+if(qt_runtime IN_LIST _ndb_components)
+    cpack_add_component(qt_runtime DISPLAY_NAME "NotificationDatabase Qt adapter" DEPENDS runtime
+        DESCRIPTION "Qt event-loop adapter of the NotificationDatabase library
+Runs the notification store's change notices, and the notices a process
+observes, in a Qt event loop, and emits a Qt signal for every change
+notice of any process of the user.")
+    cpack_add_component(qt_development DISPLAY_NAME "NotificationDatabase Qt adapter development files"
+        DEPENDS qt_runtime development
+        DESCRIPTION "development files of the NotificationDatabase Qt adapter
+Headers, CMake component (find_package(NotificationDatabase COMPONENTS Qt))
+and pkg-config file (NotificationDatabaseQt).")
 endif()
