@@ -50,8 +50,10 @@ install(FILES
     DESTINATION ${NDB_CMAKE_DIR}
     COMPONENT development)
 
-# The .pc files find the prefix from their own place, so an installed tree can be moved.
-if(IS_ABSOLUTE "${NDB_PKGCONFIG_DIR}")
+# The .pc files find the prefix from their own place, so an installed tree can be moved. In the
+# system prefix they name it, so that pkg-config drops the system directories from its output
+# instead of printing them spelt another way (-I/usr/lib/x86_64-linux-gnu/pkgconfig/../../../include).
+if(IS_ABSOLUTE "${NDB_PKGCONFIG_DIR}" OR CMAKE_INSTALL_PREFIX STREQUAL "/usr")
     set(NDB_PC_PREFIX "${CMAKE_INSTALL_PREFIX}")
 else()
     file(RELATIVE_PATH _ndb_pc_up "/prefix/${NDB_PKGCONFIG_DIR}" "/prefix")
@@ -106,7 +108,20 @@ if(TARGET NotificationDatabaseQt)
         DESTINATION ${NDB_PKGCONFIG_DIR} COMPONENT qt_development)
 endif()
 
-# Each package carries the license, where Debian looks for it.
+# Each package carries the license and the Debian changelog, where Debian looks for them; the
+# changelog's latest entry must be this release.
+file(STRINGS cmake/debian-changelog _ndb_changelog_head LIMIT_COUNT 1)
+if(NOT _ndb_changelog_head MATCHES "^[a-z0-9.+-]+ \\(${PROJECT_VERSION}\\) ")
+    message(FATAL_ERROR "cmake/debian-changelog has no entry for ${PROJECT_VERSION} at its top: ${_ndb_changelog_head}")
+endif()
+find_program(NOTIFICATIONDB_GZIP gzip REQUIRED)
+set(NDB_CHANGELOG ${CMAKE_CURRENT_BINARY_DIR}/changelog.gz)
+add_custom_command(OUTPUT ${NDB_CHANGELOG}
+    COMMAND ${CMAKE_COMMAND} -E copy ${CMAKE_CURRENT_SOURCE_DIR}/cmake/debian-changelog ${CMAKE_CURRENT_BINARY_DIR}/changelog
+    COMMAND ${NOTIFICATIONDB_GZIP} -9nf ${CMAKE_CURRENT_BINARY_DIR}/changelog
+    DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/cmake/debian-changelog
+    VERBATIM)
+add_custom_target(notificationdb_changelog ALL DEPENDS ${NDB_CHANGELOG})
 set(_ndb_components runtime development)
 if(TARGET notificationdb)
     list(APPEND _ndb_components tool)
@@ -120,6 +135,8 @@ endif()
 foreach(component IN LISTS _ndb_components)
     install(FILES LICENSE DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${NDB_PACKAGE_${component}}
         RENAME copyright COMPONENT ${component})
+    install(FILES ${NDB_CHANGELOG} DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${NDB_PACKAGE_${component}}
+        COMPONENT ${component})
 endforeach()
 
 include(cmake/Packaging.cmake)
