@@ -13,10 +13,11 @@ namespace notificationdb {
 // the statement (with `?` placeholders; bound values never appear).
 class NOTIFICATIONDB_API DatabaseError : public EngineError {
 public:
+    // The failure of `sql` (empty when it was no statement's) with SQLite's codes and message.
     DatabaseError(int resultCode, int extendedResultCode, std::string message, std::string sql);
 
-    const std::string& message() const noexcept { return engineMessage(); }
-    const std::string& sql() const noexcept { return sql_; }
+    const std::string& message() const noexcept { return engineMessage(); }  // SQLite's message
+    const std::string& sql() const noexcept { return sql_; }  // the statement, or empty
 
     // Symbolic name of an SQLite result code, primary or extended ("SQLITE_BUSY_SNAPSHOT").
     static std::string codeName(int code);
@@ -29,9 +30,10 @@ private:
 // a type or content that the field cannot take. The text names the column, never its value.
 class NOTIFICATIONDB_API RecordDecodingError : public std::runtime_error {
 public:
+    // Says which column of which table could not be read, and why.
     RecordDecodingError(std::string_view table, std::string_view column, std::string_view reason);
 
-    const std::string& column() const noexcept { return column_; }
+    const std::string& column() const noexcept { return column_; }  // the column that could not be read
 
 private:
     std::string column_;

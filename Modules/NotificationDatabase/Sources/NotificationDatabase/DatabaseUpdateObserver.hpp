@@ -22,7 +22,7 @@ namespace notificationdb {
 // adapters have one).
 class NOTIFICATIONDB_API DatabaseUpdateObserver {
 public:
-    using Handler = std::function<void()>;
+    using Handler = std::function<void()>;  // runs once per notice heard
 
     // Starts observing through `center` (not null); `handler` runs on `queue`, which must outlive
     // the observer. Without a session bus nothing throws: the failure is logged once and
@@ -36,6 +36,7 @@ public:
     // A moved observer goes on observing; the one it was moved from observes nothing. Assigning
     // ends the observation the target had.
     DatabaseUpdateObserver(DatabaseUpdateObserver&&) noexcept = default;
+    // Ends this observer's own observation, then takes over `other`'s.
     DatabaseUpdateObserver& operator=(DatabaseUpdateObserver&& other) noexcept;
 
     // Whether notices are being heard: false without a session bus, and after a move from it.

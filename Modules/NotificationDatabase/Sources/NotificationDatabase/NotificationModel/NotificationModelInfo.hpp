@@ -24,8 +24,9 @@ class Row;
 struct NOTIFICATIONDB_API NotificationModelInfo {
     // Key of the notification in a joined row, and of the button's scope.
     static constexpr std::string_view notificationKey = "notification";
-    static constexpr std::string_view actionButtonKey = NotificationButton::databaseTableName;
+    static constexpr std::string_view actionButtonKey = NotificationButton::databaseTableName;  // the button's
 
+    // The pair of `notification` and its button, if any.
     NotificationModelInfo(NotificationModel notification, std::optional<NotificationButton> actionButton = std::nullopt)
         : notification(std::move(notification)), actionButton(std::move(actionButton)) {}
 
@@ -43,8 +44,8 @@ struct NOTIFICATIONDB_API NotificationModelInfo {
         return lhs.notification.id() == rhs.notification.id();
     }
 
-    NotificationModel notification;
-    std::optional<NotificationButton> actionButton;
+    NotificationModel notification;                  // the notification; its id alone makes the pair's identity
+    std::optional<NotificationButton> actionButton;  // its button; absent when it has none
 };
 
 // A set of notification ids: distinct ids, yielded in ascending order.

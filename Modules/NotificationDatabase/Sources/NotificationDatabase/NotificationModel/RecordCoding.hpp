@@ -51,9 +51,9 @@ inline FieldValue toFieldValue(const FieldView& view) {
 
 // A field of a record: its key (also its column name), its kind and whether it may be absent.
 struct FieldDescriptor {
-    std::string_view name;
-    FieldType type;
-    bool optional;
+    std::string_view name;  // the key, and the column's name
+    FieldType type;         // the kind of value
+    bool optional;          // whether the value may be absent
 };
 
 // The keyed coding of a record type: each record lists its fields once, and row writing, row
@@ -117,10 +117,13 @@ concept FieldSource = requires(Source& source, std::size_t i, std::string& text,
 template <std::size_t N>
 class FieldValues {
 public:
+    // Takes its values from `values`, which must outlive it; `table` and `fields` name them in errors.
     FieldValues(std::array<FieldValue, N>& values, std::string_view table,
                 const std::array<FieldDescriptor, N>& fields) noexcept
         : values_(values), table_(table), fields_(fields) {}
 
+    // The `FieldSource` operations, each taking field `i`'s value out of the array.
+    // @{
     template <class Value>
     Value required(std::size_t i) {
         return requiredValue<Value>(values_[i], table_, fields_[i].name);
@@ -137,6 +140,7 @@ public:
     void optional(std::size_t i, std::optional<Value>& out) {
         out = optional<Value>(i);
     }
+    // @}
 
 private:
     std::array<FieldValue, N>& values_;

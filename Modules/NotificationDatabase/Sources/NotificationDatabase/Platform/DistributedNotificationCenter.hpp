@@ -19,10 +19,10 @@ namespace notificationdb {
 // dropped; nothing throws.
 class NOTIFICATIONDB_API DistributedNotificationCenter {
 public:
-    static constexpr std::string_view objectPath = "/org/notificationdb/DistributedNotificationCenter";
-    static constexpr std::string_view interfaceName = "org.notificationdb.DistributedNotificationCenter";
+    static constexpr std::string_view objectPath = "/org/notificationdb/DistributedNotificationCenter";  // of the signal
+    static constexpr std::string_view interfaceName = "org.notificationdb.DistributedNotificationCenter";  // of the signal
 
-    using Handler = std::function<void(const std::string& name)>;
+    using Handler = std::function<void(const std::string& name)>;  // called with the notice's name
 
     // Stops the observation it stands for when destroyed: from then on the handler is not called,
     // not even for notices already waiting on the main queue (a call running on another thread

@@ -11,6 +11,7 @@ namespace notificationdb {
 // renders these as code, code name and the engine's own message; nothing else of them.
 class NOTIFICATIONDB_API EngineError : public std::runtime_error {
 public:
+    // `what` is the full text of `what()`; the other arguments are kept as they are.
     EngineError(int resultCode, int extendedResultCode, std::string codeName, std::string engineMessage,
                 const std::string& what)
         : std::runtime_error(what),
@@ -19,8 +20,8 @@ public:
           codeName_(std::move(codeName)),
           engineMessage_(std::move(engineMessage)) {}
 
-    int resultCode() const noexcept { return resultCode_; }
-    int extendedResultCode() const noexcept { return extendedResultCode_; }
+    int resultCode() const noexcept { return resultCode_; }                  // e.g. 19, SQLITE_CONSTRAINT
+    int extendedResultCode() const noexcept { return extendedResultCode_; }  // e.g. 787, its FOREIGNKEY case
     // Symbolic name of the extended code, e.g. "SQLITE_CONSTRAINT_FOREIGNKEY".
     const std::string& codeName() const noexcept { return codeName_; }
     // The engine's description of the failure, without bound values.

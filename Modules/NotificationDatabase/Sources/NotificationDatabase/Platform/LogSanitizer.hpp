@@ -13,6 +13,7 @@ namespace notificationdb {
 // for any other exception its `what()`. Never includes bound values or row contents.
 class NOTIFICATIONDB_API LogSanitizer {
 public:
+    // The safe text of `error`, as described above.
     static std::string sanitizeError(const std::exception& error);
 };
 
