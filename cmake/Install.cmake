@@ -2,7 +2,8 @@
 #
 # Components, one Debian package each:
 #   runtime           libNotificationDatabase.so.1                        libnotificationdatabase1
-#   development       headers, .so link, CMake package, pkg-config file   libnotificationdatabase-dev
+#   development       headers, .so link, CMake package, pkg-config file,  libnotificationdatabase-dev
+#                     the API reference (with NOTIFICATIONDB_BUILD_DOCS)
 #   tool              the notificationdb tool and what comes with it       notificationdb
 #   glib_runtime      libNotificationDatabaseGLib.so.1                    libnotificationdatabaseglib1
 #   glib_development  its header, .so link, CMake component, .pc file      libnotificationdatabaseglib-dev
@@ -69,6 +70,14 @@ foreach(kind LIBDIR INCLUDEDIR)
 endforeach()
 configure_file(cmake/NotificationDatabase.pc.in ${CMAKE_CURRENT_BINARY_DIR}/NotificationDatabase.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/NotificationDatabase.pc DESTINATION ${NDB_PKGCONFIG_DIR} COMPONENT development)
+if(NOTIFICATIONDB_BUILD_DOCS)
+    # The API reference, registered with doc-base so that documentation browsers list it.
+    set(NDB_DOCS_INSTALL_DIR ${CMAKE_INSTALL_FULL_DATAROOTDIR}/doc/${NDB_PACKAGE_development}/html)
+    install(DIRECTORY ${NDB_DOCS_DIR}/html/ DESTINATION ${NDB_DOCS_INSTALL_DIR} COMPONENT development)
+    configure_file(cmake/doc-base.in ${CMAKE_CURRENT_BINARY_DIR}/doc-base @ONLY)
+    install(FILES ${CMAKE_CURRENT_BINARY_DIR}/doc-base DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc-base
+        RENAME ${NDB_PACKAGE_development}-api COMPONENT development)
+endif()
 
 if(TARGET NotificationDatabaseGLib)
     install(FILES ${NDB_GLIB_PUBLIC_HEADERS}
