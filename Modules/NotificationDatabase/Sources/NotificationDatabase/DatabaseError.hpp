@@ -17,7 +17,7 @@ public:
     DatabaseError(int resultCode, int extendedResultCode, std::string message, std::string sql);
 
     const std::string& message() const noexcept { return engineMessage(); }  // SQLite's message
-    const std::string& sql() const noexcept { return sql_; }  // the statement, or empty
+    const std::string& sql() const noexcept { return sql_; }                 // the statement, or empty
 
     // Symbolic name of an SQLite result code, primary or extended ("SQLITE_BUSY_SNAPSHOT").
     static std::string codeName(int code);

@@ -36,7 +36,7 @@ public:
     static const std::shared_ptr<Logger>& logger();
 
     const std::filesystem::path& storageURL() const noexcept { return storageURL_; }  // the database file
-    const Configuration& configuration() const noexcept { return configuration_; }  // how it is opened
+    const Configuration& configuration() const noexcept { return configuration_; }    // how it is opened
 
 private:
     void initDatabaseFolderIfNeeded() const;

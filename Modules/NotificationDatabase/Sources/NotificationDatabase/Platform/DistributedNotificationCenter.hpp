@@ -19,8 +19,10 @@ namespace notificationdb {
 // dropped; nothing throws.
 class NOTIFICATIONDB_API DistributedNotificationCenter {
 public:
-    static constexpr std::string_view objectPath = "/org/notificationdb/DistributedNotificationCenter";  // of the signal
-    static constexpr std::string_view interfaceName = "org.notificationdb.DistributedNotificationCenter";  // of the signal
+    // The object path of the signal.
+    static constexpr std::string_view objectPath = "/org/notificationdb/DistributedNotificationCenter";
+    // The interface of the signal.
+    static constexpr std::string_view interfaceName = "org.notificationdb.DistributedNotificationCenter";
 
     using Handler = std::function<void(const std::string& name)>;  // called with the notice's name
 
