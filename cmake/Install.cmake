@@ -79,43 +79,41 @@ if(NOTIFICATIONDB_BUILD_DOCS)
         RENAME ${NDB_PACKAGE_development}-api COMPONENT development)
 endif()
 
-if(TARGET NotificationDatabaseGLib)
-    install(FILES ${NDB_GLIB_PUBLIC_HEADERS}
-        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/NotificationDatabase/GLib COMPONENT glib_development)
-    install(TARGETS NotificationDatabaseGLib
-        EXPORT NotificationDatabaseGLibTargets
-        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT glib_runtime NAMELINK_COMPONENT glib_development
-        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT glib_development
-        RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT glib_runtime
-        INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-    install(EXPORT NotificationDatabaseGLibTargets
-        FILE NotificationDatabaseGLibTargets.cmake
-        NAMESPACE NotificationDatabase::
-        DESTINATION ${NDB_CMAKE_DIR}
-        COMPONENT glib_development)
-    configure_file(cmake/NotificationDatabaseGLib.pc.in ${CMAKE_CURRENT_BINARY_DIR}/NotificationDatabaseGLib.pc @ONLY)
-    install(FILES ${CMAKE_CURRENT_BINARY_DIR}/NotificationDatabaseGLib.pc
-        DESTINATION ${NDB_PKGCONFIG_DIR} COMPONENT glib_development)
+# The packages' components, in order.
+set(_ndb_components runtime development)
+if(TARGET notificationdb)
+    list(APPEND _ndb_components tool)
 endif()
 
-if(TARGET NotificationDatabaseQt)
-    install(FILES ${NDB_QT_PUBLIC_HEADERS}
-        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/NotificationDatabase/Qt COMPONENT qt_development)
-    install(TARGETS NotificationDatabaseQt
-        EXPORT NotificationDatabaseQtTargets
-        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT qt_runtime NAMELINK_COMPONENT qt_development
-        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT qt_development
-        RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT qt_runtime
+# The adapters: NotificationDatabase<Name> with its headers in NotificationDatabase/<Name>/, the
+# CMake component <Name>, NotificationDatabase<Name>.pc, and the components <prefix>_runtime and
+# <prefix>_development.
+foreach(_ndb_adapter GLib Qt)
+    if(NOT TARGET NotificationDatabase${_ndb_adapter})
+        continue()
+    endif()
+    string(TOLOWER ${_ndb_adapter} _ndb_prefix)
+    string(TOUPPER ${_ndb_adapter} _ndb_upper)
+    install(FILES ${NDB_${_ndb_upper}_PUBLIC_HEADERS}
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/NotificationDatabase/${_ndb_adapter} COMPONENT ${_ndb_prefix}_development)
+    install(TARGETS NotificationDatabase${_ndb_adapter}
+        EXPORT NotificationDatabase${_ndb_adapter}Targets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+            COMPONENT ${_ndb_prefix}_runtime NAMELINK_COMPONENT ${_ndb_prefix}_development
+        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT ${_ndb_prefix}_development
+        RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT ${_ndb_prefix}_runtime
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-    install(EXPORT NotificationDatabaseQtTargets
-        FILE NotificationDatabaseQtTargets.cmake
+    install(EXPORT NotificationDatabase${_ndb_adapter}Targets
+        FILE NotificationDatabase${_ndb_adapter}Targets.cmake
         NAMESPACE NotificationDatabase::
         DESTINATION ${NDB_CMAKE_DIR}
-        COMPONENT qt_development)
-    configure_file(cmake/NotificationDatabaseQt.pc.in ${CMAKE_CURRENT_BINARY_DIR}/NotificationDatabaseQt.pc @ONLY)
-    install(FILES ${CMAKE_CURRENT_BINARY_DIR}/NotificationDatabaseQt.pc
-        DESTINATION ${NDB_PKGCONFIG_DIR} COMPONENT qt_development)
-endif()
+        COMPONENT ${_ndb_prefix}_development)
+    configure_file(cmake/NotificationDatabase${_ndb_adapter}.pc.in
+        ${CMAKE_CURRENT_BINARY_DIR}/NotificationDatabase${_ndb_adapter}.pc @ONLY)
+    install(FILES ${CMAKE_CURRENT_BINARY_DIR}/NotificationDatabase${_ndb_adapter}.pc
+        DESTINATION ${NDB_PKGCONFIG_DIR} COMPONENT ${_ndb_prefix}_development)
+    list(APPEND _ndb_components ${_ndb_prefix}_runtime ${_ndb_prefix}_development)
+endforeach()
 
 # Each package carries the license and the Debian changelog, where Debian looks for them; the
 # changelog's latest entry must be this release.
@@ -131,16 +129,6 @@ add_custom_command(OUTPUT ${NDB_CHANGELOG}
     DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/cmake/debian-changelog
     VERBATIM)
 add_custom_target(notificationdb_changelog ALL DEPENDS ${NDB_CHANGELOG})
-set(_ndb_components runtime development)
-if(TARGET notificationdb)
-    list(APPEND _ndb_components tool)
-endif()
-if(TARGET NotificationDatabaseGLib)
-    list(APPEND _ndb_components glib_runtime glib_development)
-endif()
-if(TARGET NotificationDatabaseQt)
-    list(APPEND _ndb_components qt_runtime qt_development)
-endif()
 foreach(component IN LISTS _ndb_components)
     install(FILES LICENSE DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${NDB_PACKAGE_${component}}
         RENAME copyright COMPONENT ${component})
