@@ -2,11 +2,10 @@
 // hands a batch of two notifications to an updater and waits on its main queue for the change
 // notice that every process of the user hears.
 
-#include <NotificationDatabase/Extensions/NotificationName.hpp>
+#include <NotificationDatabase/DatabaseUpdateObserver.hpp>
 #include <NotificationDatabase/NotificationDatabase.hpp>
 #include <NotificationDatabase/NotificationDatabaseConfig.hpp>
 #include <NotificationDatabase/NotificationUpdater/NotificationUpdaterImpl.hpp>
-#include <NotificationDatabase/Platform/DistributedNotificationCenter.hpp>
 #include <NotificationDatabase/Platform/LogSanitizer.hpp>
 #include <NotificationDatabase/Platform/MainQueue.hpp>
 
@@ -68,13 +67,12 @@ int main() {
 
     // The notice arrives on the main queue, which this host drives below.
     bool heard = false;
-    auto observation = DistributedNotificationCenter::defaultCenter()->addObserver(
-        databaseUpdated(), [&heard](const std::string& name) {
-            std::cout << "heard " << name << '\n';
-            heard = true;
-            MainQueue::main().stop();
-        });
-    if (!observation) std::cout << "no session bus: the change notice cannot be heard\n";
+    const DatabaseUpdateObserver updates([&heard] {
+        std::cout << "heard databaseUpdatedNotification\n";
+        heard = true;
+        MainQueue::main().stop();
+    });
+    if (!updates.isObserving()) std::cout << "no session bus: the change notice cannot be heard\n";
 
     auto updater = std::make_shared<NotificationUpdaterImpl>(store);
     updater->receive({makeNotification(1, "A new app for you", NotificationKind::newApp),
@@ -86,7 +84,7 @@ int main() {
                   << (info.actionButton ? " [" + info.actionButton->title.value_or("") + "]" : std::string()) << '\n';
     }
 
-    if (observation) MainQueue::main().runFor(5s);
+    if (updates.isObserving()) MainQueue::main().runFor(5s);
     if (!heard) {
         std::cout << "no databaseUpdatedNotification within 5 seconds\n";
         return 1;

@@ -1,13 +1,16 @@
 # Debian packages with CPack: `cpack -G DEB` in a build configured with CMAKE_INSTALL_PREFIX=/usr
-# (the "package" preset; `./dev package` does both). One package per install component; the
-# runtime dependencies on system libraries come from dpkg-shlibdeps (package dpkg-dev).
+# (the "package" preset; `./dev package` does both, with the compiler and linker flags of
+# dpkg-buildflags). One package per install component; the runtime dependencies on system
+# libraries come from dpkg-shlibdeps (package dpkg-dev). DebianPackages.cmake then mends what
+# CPack does not do as Debian wants it.
 
-set(NOTIFICATIONDB_PACKAGE_CONTACT "The NotificationDatabase developers <notificationdb@localhost>"
+set(NOTIFICATIONDB_PACKAGE_MAINTAINER
+    "The NotificationDatabase developers <maintainers@users.noreply.c-seed-e2132480.example>"
     CACHE STRING "Maintainer field of the Debian packages")
 
 set(CPACK_PACKAGE_NAME notificationdb)
 set(CPACK_PACKAGE_VENDOR "The NotificationDatabase developers")
-set(CPACK_PACKAGE_CONTACT "${NOTIFICATIONDB_PACKAGE_CONTACT}")
+set(CPACK_PACKAGE_CONTACT "${NOTIFICATIONDB_PACKAGE_MAINTAINER}")
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 # Each package's description, its first line the synopsis, comes from its component below.
 # CPackDeb puts the project's summary before it unless the summary is CPack's default one.
@@ -21,6 +24,8 @@ set(CPACK_COMPONENTS_ALL ${_ndb_components})
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SOURCE notificationdatabase)
+set(CPACK_POST_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/DebianPackages.cmake)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 # The tool and the GLib adapter link the library of this build, which dpkg-shlibdeps must
 # find; their dependency on its package comes from the component dependencies below.
@@ -33,7 +38,7 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${NDB_PACKAGE_runtime})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 # dpkg-shlibdeps sees the oldest SQLite with the functions the library calls; the options it
-# sets need a newer one.
+# sets need a newer one (DebianPackages.cmake keeps the stricter of the two).
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "libsqlite3-0 (>= ${NOTIFICATIONDB_SQLITE_MINIMUM})")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME ${NDB_PACKAGE_development})
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
@@ -46,6 +51,11 @@ set(CPACK_DEBIAN_GLIB_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_GLIB_DEVELOPMENT_PACKAGE_NAME ${NDB_PACKAGE_glib_development})
 set(CPACK_DEBIAN_GLIB_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_GLIB_DEVELOPMENT_PACKAGE_DEPENDS "libglib2.0-dev")
+set(CPACK_DEBIAN_QT_RUNTIME_PACKAGE_NAME ${NDB_PACKAGE_qt_runtime})
+set(CPACK_DEBIAN_QT_RUNTIME_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_QT_DEVELOPMENT_PACKAGE_NAME ${NDB_PACKAGE_qt_development})
+set(CPACK_DEBIAN_QT_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_QT_DEVELOPMENT_PACKAGE_DEPENDS "qt6-base-dev")
 
 include(CPack)
 
@@ -75,4 +85,16 @@ observes, in a GLib main context.")
         DESCRIPTION "development files of the NotificationDatabase GLib adapter
 Header, CMake component (find_package(NotificationDatabase COMPONENTS GLib))
 and pkg-config file (NotificationDatabaseGLib).")
+endif()
+if(qt_runtime IN_LIST _ndb_components)
+    cpack_add_component(qt_runtime DISPLAY_NAME "NotificationDatabase Qt adapter" DEPENDS runtime
+        DESCRIPTION "Qt event-loop adapter of the NotificationDatabase library
+Runs the notification store's change notices, and the notices a process
+observes, in a Qt event loop, and emits a Qt signal for every change
+notice of any process of the user.")
+    cpack_add_component(qt_development DISPLAY_NAME "NotificationDatabase Qt adapter development files"
+        DEPENDS qt_runtime development
+        DESCRIPTION "development files of the NotificationDatabase Qt adapter
+Headers, CMake component (find_package(NotificationDatabase COMPONENTS Qt))
+and pkg-config file (NotificationDatabaseQt).")
 endif()

@@ -148,8 +148,12 @@ std::string notesHelp(std::span<const HelpNote> notes) {
                 text += '\n';
                 column = 0;
             }
-            text += (column > 0 ? " " : "") + std::string(word);
-            column += (column > 0 ? 1 : 0) + word.size();
+            if (column > 0) {
+                text += ' ';
+                ++column;
+            }
+            text += word;
+            column += word.size();
             start = end + 1;
         }
         text += '\n';

@@ -127,7 +127,8 @@ TEST(Threads, ConcurrentSavesAndReadsOnOneStore) {
 
 // A session bus whose daemon stops (SIGSTOP) stalls neither a write nor the main queue's post:
 // the notice waits in the connection and goes out, heard by another connection, once the daemon
-// goes on. How long the save and the post took is printed.
+// goes on. How long the save and the post took is printed. A process that ends right after a
+// post loses no notice.
 TEST(Process, AStoppedBusDaemonStallsNoWrite) {
     testing::TemporaryDirectory directory;
     ChildProcess daemon("/usr/bin/dbus-daemon", {"--session", "--nofork", "--print-address=1"});
@@ -162,6 +163,17 @@ TEST(Process, AStoppedBusDaemonStallsNoWrite) {
     for (const auto deadline = Clock::now() + std::chrono::seconds(60); heard == 0 && Clock::now() < deadline;)
         MainQueue::main().runFor(std::chrono::milliseconds(50));
     EXPECT_EQ(heard, 1) << "the notice did not go out once the daemon went on";
+
+    // A process that ends right after its post, before its new connection is even set up, still
+    // gets the notice out.
+    std::ofstream(directory / "go").put('\n');
+    ::setenv("NDB_CHILD_POSTS", "1", 1);
+    ChildProcess writer(childProgram, {(directory / "db.sqlite").string(), "0", "1", (directory / "go").string()});
+    ::unsetenv("NDB_CHILD_POSTS");
+    EXPECT_EQ(writer.wait(), 0);
+    for (const auto deadline = Clock::now() + std::chrono::seconds(10); heard == 1 && Clock::now() < deadline;)
+        MainQueue::main().runFor(std::chrono::milliseconds(50));
+    EXPECT_EQ(heard, 2) << "the notice of a process that ended after its post was lost";
 }
 
 }  // namespace

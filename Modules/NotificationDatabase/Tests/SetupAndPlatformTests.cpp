@@ -3,6 +3,7 @@
 
 #include "Testing.hpp"
 
+#include <NotificationDatabase/DatabaseUpdateObserver.hpp>
 #include <NotificationDatabase/Platform/DistributedNotificationCenter.hpp>
 #include <NotificationDatabase/Version.hpp>
 
@@ -149,11 +150,40 @@ TEST(Platform, NoticesWithoutABusAreLoggedAndDropped) {
     for (int i = 0; i < 3; ++i) center->post("ndbNoBus");
     EXPECT_EQ(center->addObserver("has-dash", [](const auto&) {}), nullptr);
     EXPECT_EQ(center->addObserver("ndbNoBus", [](const auto&) {}), nullptr);
+    EXPECT_FALSE(DatabaseUpdateObserver([] {}, center).isObserving());
     std::vector<std::string> messages;
     for (const auto& entry : log.take()) messages.push_back(entry.message.substr(0, entry.message.find(": ")));
-    EXPECT_EQ(messages, (std::vector<std::string>{"Unable to post distributed notification ndbNoBus",
-                                                  "Unable to observe distributed notification has-dash",
-                                                  "Unable to observe distributed notification ndbNoBus"}));
+    EXPECT_EQ(messages,
+              (std::vector<std::string>{"Unable to post distributed notification ndbNoBus",
+                                        "Unable to observe distributed notification has-dash",
+                                        "Unable to observe distributed notification ndbNoBus",
+                                        "Unable to observe distributed notification databaseUpdatedNotification"}));
+}
+
+struct RecordingCenter final : DistributedNotificationCenter {
+    void post(const std::string& /*name*/) override { ++posts; }
+    std::unique_ptr<ObserverToken> addObserver(const std::string& name, Handler handler) override {
+        observed.emplace_back(name, std::move(handler));
+        return std::make_unique<ObserverToken>();
+    }
+    int posts = 0;
+    std::vector<std::pair<std::string, Handler>> observed;
+};
+
+// An update observer on a queue of its own runs its handler there, and only while it lives.
+TEST(Platform, UpdateObserverRunsItsHandlerOnItsQueueWhileItLives) {
+    auto center = std::make_shared<RecordingCenter>();
+    MainQueue queue;
+    int heard = 0;
+    auto observer = std::make_optional<DatabaseUpdateObserver>([&heard] { ++heard; }, center, queue);
+    ASSERT_EQ(center->observed.at(0).first, "databaseUpdatedNotification");
+    const auto deliver = [&] { center->observed[0].second(center->observed[0].first); };  // as the center does
+    deliver();
+    EXPECT_EQ(queue.runUntilIdle(), 1U) << "the handler did not wait for its queue";
+    deliver();
+    observer.reset();
+    queue.runUntilIdle();
+    EXPECT_EQ(heard, 1) << "a notice ran after its observer ended";
 }
 
 // A process about to exit posts the notices its stores scheduled at once, and their jobs then

@@ -9,6 +9,7 @@
 #include "Testing.hpp"
 
 #include <NotificationDatabase/Database/DatabaseError.hpp>
+#include <NotificationDatabase/ExistingStore.hpp>
 #include <NotificationDatabase/NotificationUpdater/NotificationUpdaterImpl.hpp>
 
 #include <gtest/gtest.h>
@@ -266,8 +267,16 @@ TEST(StoreOpening, FailsWithTheDatabaseErrorOnFilesThatCannotServe) {
             ADD_FAILURE() << file << " opened";
         } catch (const DatabaseError& error) {
             EXPECT_EQ(error.resultCode(), code) << file << ": " << error.what();
+            // A file that cannot be opened at all is named, since SQLite's message does not say which.
+            EXPECT_TRUE(code != 14 || error.message().ends_with(": " + (directory / file).string())) << error.what();
         }
     }
+    // A reader that starts first opens nothing, silently, until a writer has made file and tables.
+    const auto reading = [&](auto file) { return NotificationDatabaseConfig(directory / file, {true}); };
+    EXPECT_FALSE(openExistingStore(reading("absent.sqlite")) || openExistingStore(reading("empty")));
+    EXPECT_THROW(openExistingStore(reading("garbage")), DatabaseError);
+    NotificationDatabaseImpl::create(NotificationDatabaseConfig(directory / "empty", Configuration{}));
+    EXPECT_NE(openExistingStore(reading("empty")), nullptr);
     EXPECT_FALSE(std::filesystem::exists(directory / "absent.sqlite")) << "a read-only store created its file";
     const auto logged = log.take();
     ASSERT_EQ(logged.size(), 1U) << "only the folder that cannot be made is logged";

@@ -1,12 +1,12 @@
-#include <NotificationDatabase/Extensions/NotificationName.hpp>
+#include <NotificationDatabase/DatabaseUpdateObserver.hpp>
 #include <NotificationDatabase/GLib/MainContextScheduler.hpp>
 #include <NotificationDatabase/NotificationDatabase.hpp>
-#include <NotificationDatabase/Platform/DistributedNotificationCenter.hpp>
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -48,12 +48,11 @@ TEST(MainContextScheduler, RunsJobsInDeadlineOrderOnTheLoopAndDeliversTheNoticeO
     std::filesystem::create_directories(directory);
     auto store = NotificationDatabaseImpl::create(NotificationDatabaseConfig(directory / "notifications.sqlite", {}));
     std::vector<std::thread::id> heardOn;
-    auto observation =
-        DistributedNotificationCenter::defaultCenter()->addObserver(databaseUpdated(), [&](const std::string&) {
-            heardOn.push_back(std::this_thread::get_id());
-            g_main_loop_quit(loop);
-        });
-    ASSERT_NE(observation, nullptr) << "no session bus";
+    std::optional<DatabaseUpdateObserver> updates(std::in_place, [&] {
+        heardOn.push_back(std::this_thread::get_id());
+        g_main_loop_quit(loop);
+    });
+    ASSERT_TRUE(updates->isObserving()) << "no session bus";
     std::thread([&] {
         store->save(NotificationModelInfo(NotificationModel(
             std::nullopt, "customer", std::chrono::system_clock::now(), "1.0", "tag", "title", std::nullopt,
@@ -63,7 +62,7 @@ TEST(MainContextScheduler, RunsJobsInDeadlineOrderOnTheLoopAndDeliversTheNoticeO
     EXPECT_EQ(heardOn, std::vector<std::thread::id>{onLoop}) << "no notice, or not on the loop";
     EXPECT_EQ(MainQueue::main().pendingCount(), 0u) << "a job went to the built-in queue";
 
-    observation.reset();
+    updates.reset();
     store.reset();
     MainQueue::main().setScheduler({});
     g_source_destroy(guard);

@@ -35,8 +35,8 @@ public:
     // The sub-logger "notification-database-config" of `Logger::module()`.
     static const std::shared_ptr<Logger>& logger();
 
-    const std::filesystem::path& storageURL() const noexcept { return storageURL_; }
-    const Configuration& configuration() const noexcept { return configuration_; }
+    const std::filesystem::path& storageURL() const noexcept { return storageURL_; }  // the database file
+    const Configuration& configuration() const noexcept { return configuration_; }    // how it is opened
 
 private:
     void initDatabaseFolderIfNeeded() const;

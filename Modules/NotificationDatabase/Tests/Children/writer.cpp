@@ -5,9 +5,12 @@
 // Waits for <go file>, opens a store and saves <count> notifications titled "w<writer>-<j>"; every
 // tenth has a content key that all writers share, two of three carry a button named like the
 // notification. Prints "failed <title> <message>" for each save that logged a failure, then "done".
+// With NDB_CHILD_POSTS set it then posts its notices on the session bus, as their jobs come due,
+// and returns at once: what the bus has not taken yet goes out as the process ends.
 
 #include "Testing.hpp"
 
+#include <cstdlib>
 #include <iostream>
 #include <thread>
 
@@ -28,8 +31,14 @@ int main(int argc, char** argv) {
     if (argc != 5) return std::cerr << "usage: ndb_child_writer <database> <writer> <count> <go file>\n", 2;
     // The store's failures go to `failures`; its notices are dropped.
     auto failures = std::make_shared<Failures>();
+    std::vector<std::pair<MainQueue::Clock::time_point, MainQueue::Job>> jobs;
+    const bool posts = std::getenv("NDB_CHILD_POSTS") != nullptr;
     const NotificationDatabaseServices services{
-        std::make_shared<Logger>("root", nullptr, Logger::Destinations{failures}, false), [](auto, auto) {}, nullptr};
+        std::make_shared<Logger>("root", nullptr, Logger::Destinations{failures}, false),
+        [&jobs, posts](auto deadline, auto job) {
+            if (posts) jobs.emplace_back(deadline, std::move(job));
+        },
+        nullptr};
     const std::string writer = argv[2];
     std::cout << "ready" << std::endl;
     while (!std::filesystem::exists(argv[4])) std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -55,4 +64,8 @@ int main(int argc, char** argv) {
         if (!failures->logged.empty()) std::cout << "failed " << title << ' ' << failures->logged << '\n';
     }
     std::cout << "done" << std::endl;
+    for (auto& [deadline, job] : jobs) {
+        std::this_thread::sleep_until(deadline);
+        job();
+    }
 }

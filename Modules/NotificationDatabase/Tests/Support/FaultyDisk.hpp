@@ -70,7 +70,7 @@ private:
             auto* disk = static_cast<FaultyDisk*>(vfs->pAppData);
             auto* faulty = reinterpret_cast<File*>(file);
             const int rc = disk->real_->xOpen(disk->real_, name, faulty->real(), flags, out);
-            faulty->base.pMethods = rc == SQLITE_OK ? &disk->methods_ : nullptr;
+            faulty->base.pMethods = rc == SQLITE_OK ? &disk->ioMethods : nullptr;
             faulty->disk = disk;
             faulty->path = new std::string(name != nullptr ? name : "");
             if (rc != SQLITE_OK) delete faulty->path;
@@ -130,7 +130,7 @@ private:
     bool failing_ = false;
     std::map<std::string, Unsynced> unsynced_;
 
-    const sqlite3_io_methods methods_ = {
+    const sqlite3_io_methods ioMethods = {
         3,
         [](sqlite3_file* f) {
             delete of(f).path;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <NotificationDatabase/Export.hpp>
+
 #include <functional>
 
 namespace notificationdb {
@@ -7,6 +9,7 @@ namespace notificationdb {
 // What a connection does when it meets a lock held by another connection or process.
 class BusyMode {
 public:
+    // Which of the three ways below the mode is.
     enum class Kind { immediateError, timeout, callback };
     // Called with the number of earlier calls for the same lock; return true to retry.
     using Callback = std::function<bool(int numberOfTries)>;
@@ -18,9 +21,11 @@ public:
     // Ask `callback` whether to retry.
     static BusyMode callback(Callback callback) { return BusyMode(Kind::callback, 0.0, std::move(callback)); }
 
+    // Which way the mode is.
     Kind kind() const noexcept { return kind_; }
     // The time-out in seconds; 0 unless `kind()` is `timeout`.
     double seconds() const noexcept { return seconds_; }
+    // The callback; empty unless `kind()` is `callback`.
     const Callback& handler() const noexcept { return callback_; }
 
 private:
@@ -36,7 +41,7 @@ private:
 // keys enforced; a read-write pool puts the database in WAL journal mode; a pool has one writer
 // connection and up to `maximumReaderCount` reader connections.
 struct Configuration {
-    static constexpr int maximumReaderCount = 5;
+    static constexpr int maximumReaderCount = 5;  // reader connections a pool opens at most
 
     // Off: the writer opens the file read-write and creates it when missing. On: the writer
     // opens it read-only too, and a missing file is an error. Readers always open read-only.

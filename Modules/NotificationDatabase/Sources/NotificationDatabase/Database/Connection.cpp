@@ -63,10 +63,12 @@ Connection::Connection(const std::filesystem::path& path, Mode mode, const BusyM
                       SQLITE_OPEN_NOMUTEX;
     const int rc = sqlite3_open_v2(path.c_str(), &db_, flags, nullptr);
     if (rc != SQLITE_OK) {
-        DatabaseError error = databaseError(db_, rc, "");
+        // SQLite's own message ("unable to open database file") does not say which file.
+        const DatabaseError failure = databaseError(db_, rc, "");
         sqlite3_close_v2(db_);
         db_ = nullptr;
-        throw error;
+        throw DatabaseError(failure.resultCode(), failure.extendedResultCode(),
+                            failure.message() + ": " + path.string(), "");
     }
     sqlite3_extended_result_codes(db_, 1);
     // A double-quoted name that matches no column would otherwise be taken as a string literal:

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <NotificationDatabase/Export.hpp>
+
 #include <string_view>
 
 namespace notificationdb {

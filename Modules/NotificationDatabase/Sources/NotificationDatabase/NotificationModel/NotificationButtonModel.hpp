@@ -26,7 +26,7 @@ public:
         refreshInstalledApps = 6,
     };
 
-    static constexpr std::string_view databaseTableName = "notificationButton";
+    static constexpr std::string_view databaseTableName = "notificationButton";  // the table of the buttons
 
     // Takes all seven fields in column order; nothing is defaulted, validated or normalised.
     NotificationButton(std::optional<std::int64_t> id, std::optional<std::string> buttonId,
@@ -36,12 +36,12 @@ public:
     // The row id; absent on a button that was never stored.
     const std::optional<std::int64_t>& id() const noexcept { return id_; }
 
-    std::optional<std::string> buttonId;
-    std::optional<std::string> title;
-    bool visible;
+    std::optional<std::string> buttonId;  // the service's identifier of the button
+    std::optional<std::string> title;     // the button's label
+    bool visible;                         // whether the host shows it
     // The owning notification's id; the store's save sets it.
     std::optional<std::int64_t> notificationId;
-    std::optional<UserActionKind> actionKind;
+    std::optional<UserActionKind> actionKind;  // what pressing it does
     // The action's payload, stored and returned byte for byte, never interpreted.
     std::optional<Bytes> userAction;
 

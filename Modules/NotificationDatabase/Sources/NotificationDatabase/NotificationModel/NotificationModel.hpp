@@ -21,7 +21,7 @@ public:
     // What the notification is about; stored as its raw value.
     enum class NotificationKind : std::int64_t { default_ = 0, newApp = 1, appUpdate = 2, vantroUpdate = 3, ai = 4 };
 
-    static constexpr std::string_view databaseTableName = "notification";
+    static constexpr std::string_view databaseTableName = "notification";  // the table of the notifications
     // A well-known value of `analyticsTag` offered to hosts; the library never compares with it.
     static constexpr std::string_view unusedAppsAnalyticsTag = "unusedApps";
 
@@ -36,16 +36,16 @@ public:
     // The service's identifier of the customer the notification was addressed to.
     const std::optional<std::string>& customerId() const noexcept { return customerId_; }
 
-    Timestamp createdDate;
-    std::string version;
-    std::string analyticsTag;
-    std::optional<std::string> title;
-    std::optional<std::string> body;
+    Timestamp createdDate;                 // when the service created it; pruning counts its age from here
+    std::string version;                   // the version it is about (of an app, or of the client)
+    std::string analyticsTag;              // passed back to the host's analytics, never interpreted
+    std::optional<std::string> title;      // the headline shown
+    std::optional<std::string> body;       // the text shown
     std::optional<std::string> bannerUrl;  // kept as text, never parsed
-    bool isMarketing;
-    std::optional<std::int64_t> appId;
-    NotificationStatus status;
-    NotificationKind notificationKind;
+    bool isMarketing;                      // whether it is marketing
+    std::optional<std::int64_t> appId;     // the catalogue app it is about, if any
+    NotificationStatus status;             // where the user is with it
+    NotificationKind notificationKind;     // what it is about
 
 private:
     friend struct RecordCoding<NotificationModel>;

@@ -22,22 +22,25 @@ struct NOTIFICATIONDB_API NotificationModelInfo {
     // The keys of the two records in keyed formats: the notification's, and the button's, which is
     // the button table's name.
     static constexpr std::string_view notificationKey = "notification";
-    static constexpr std::string_view actionButtonKey = NotificationButton::databaseTableName;
+    static constexpr std::string_view actionButtonKey = NotificationButton::databaseTableName;  // the button's
 
+    // The pair of `notification` and its button, if any.
     NotificationModelInfo(NotificationModel notification, std::optional<NotificationButton> actionButton)
         : notification(std::move(notification)), actionButton(std::move(actionButton)) {}
     // A notification without button.
+    // @{
     NotificationModelInfo(const NotificationModel& notification)
         : notification(notification) {}                               // NOLINT(google-explicit-constructor)
     NotificationModelInfo(NotificationModel&& notification) noexcept  // NOLINT(google-explicit-constructor)
         : notification(std::move(notification)) {}
+    // @}
 
     friend bool operator==(const NotificationModelInfo& lhs, const NotificationModelInfo& rhs) noexcept {
         return lhs.notification.id() == rhs.notification.id();
     }
 
-    NotificationModel notification;
-    std::optional<NotificationButton> actionButton;
+    NotificationModel notification;                  // the notification; its id alone makes the pair's identity
+    std::optional<NotificationButton> actionButton;  // its button; absent when it has none
 };
 
 // A set of notification ids: distinct ids, yielded in ascending order.

@@ -20,8 +20,8 @@ public:
     // The current time; a function returning `std::chrono::system_clock::now()` serves.
     using Clock = std::function<Timestamp()>;
 
-    static constexpr std::chrono::seconds ageLimit{2'592'000};
-    static constexpr std::size_t perCustomerLimit = 100;
+    static constexpr std::chrono::seconds ageLimit{2'592'000};  // 30 days: older ones are pruned
+    static constexpr std::size_t perCustomerLimit = 100;        // the newest kept per customer
 
     // `now` supplies the current time for pruning; the system clock when empty.
     explicit NotificationUpdaterImpl(std::shared_ptr<NotificationDatabaseProtocol> store, Clock now = {});
@@ -31,7 +31,7 @@ public:
     void updateStatus(const NotificationIDs& notificationIDs, NotificationStatus status) override;
     void updateButtonVisibility(const NotificationIDs& notificationIDs, bool isVisible) override;
 
-    const std::shared_ptr<NotificationDatabaseProtocol>& store() const noexcept { return store_; }
+    const std::shared_ptr<NotificationDatabaseProtocol>& store() const noexcept { return store_; }  // its store
 
 private:
     void save(const NotificationModelInfoSet& notifications);

@@ -13,11 +13,14 @@
 #include <chrono>
 #include <climits>
 #include <cstdint>
+#include <cstdlib>
 #include <ctime>
 #include <mutex>
+#include <set>
 #include <system_error>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -26,6 +29,10 @@
 namespace notificationdb {
 
 namespace {
+
+// How long a center that is going away, or a process that ends, waits for the bus to take the
+// notices still queued.
+constexpr auto lastFlushTimeout = std::chrono::milliseconds(2000);
 
 // Bound on the bus's own method calls (registering the match rule of an observer).
 constexpr std::uint64_t methodCallTimeoutMicroseconds = 5'000'000;
@@ -103,6 +110,39 @@ int flushWithin(sd_bus* bus, std::chrono::microseconds timeout) {
         if (result < 0 && result != -EINTR) return result;
     }
 }
+
+// The centers whose connection still held notices after a post. A process that ends through
+// `exit` (or by returning from `main`) gives each of them up to 2 s to hand those to the bus, so
+// that a notice posted just before the end is not lost with the connection.
+class FlushedAtExit {
+public:
+    static void add(const std::weak_ptr<DistributedNotificationCenter>& center) {
+        auto& registry = shared();
+        std::call_once(registry.registered_, [] { std::atexit([] { shared().flushAll(); }); });
+        std::lock_guard lock(registry.mutex_);
+        registry.centers_.insert(center);
+    }
+
+private:
+    static FlushedAtExit& shared() {
+        return detail::neverDestroyed([] { return FlushedAtExit(); });
+    }
+    void flushAll() {
+        std::vector<std::shared_ptr<DistributedNotificationCenter>> alive;
+        {
+            std::lock_guard lock(mutex_);
+            for (const auto& center : centers_) {
+                if (auto locked = center.lock()) alive.push_back(std::move(locked));
+            }
+            centers_.clear();
+        }
+        for (const auto& center : alive) center->flush(lastFlushTimeout);
+    }
+
+    std::once_flag registered_;
+    std::mutex mutex_;
+    std::set<std::weak_ptr<DistributedNotificationCenter>, std::owner_less<>> centers_;
+};
 
 // What the main queue needs to call an observer's handler; outlives the token while jobs for
 // it are still pending.
@@ -236,7 +276,10 @@ public:
     explicit DBusNotificationCenter(MainQueue::Scheduler mainQueue) : mainQueue_(std::move(mainQueue)) {}
     DBusNotificationCenter(const DBusNotificationCenter&) = delete;
     DBusNotificationCenter& operator=(const DBusNotificationCenter&) = delete;
-    ~DBusNotificationCenter() override = default;
+    // Gives the notices still queued up to 2 s to go out.
+    ~DBusNotificationCenter() override {
+        if (bus_) flush(lastFlushTimeout);
+    }
 
     void post(const std::string& name) override {
         if (!isValidMemberName(name)) {
@@ -334,6 +377,7 @@ private:
             return;
         }
         if (queued == 0 || retryScheduled_) return;
+        FlushedAtExit::add(weak_from_this());
         retryScheduled_ = true;
         MainQueue::Job retry = [weak = weak_from_this(), name] {
             const auto self = weak.lock();

@@ -21,10 +21,12 @@ namespace notificationdb {
 // dropped; nothing throws.
 class NOTIFICATIONDB_API DistributedNotificationCenter {
 public:
+    // The object path of the signal.
     static constexpr std::string_view objectPath = "/org/notificationdb/DistributedNotificationCenter";
+    // The interface of the signal.
     static constexpr std::string_view interfaceName = "org.notificationdb.DistributedNotificationCenter";
 
-    using Handler = std::function<void(const std::string& name)>;
+    using Handler = std::function<void(const std::string& name)>;  // called with the notice's name
 
     // Stops the observation it stands for when destroyed: from then on the handler is not called,
     // not even for notices already waiting on the main queue (a call running on another thread
@@ -53,14 +55,16 @@ public:
     // Calls `handler` on the main queue (`MainQueue::main()`) for every post of `name` by any
     // process made after this returns. Each observer has its own bus connection and listening
     // thread. Returns null when the bus cannot be reached or `name` is not a valid member name
-    // (the failure is logged).
-    virtual std::unique_ptr<ObserverToken> addObserver(const std::string& name, Handler handler) = 0;
+    // (the failure is logged). The observation lasts as long as the token: a token dropped at
+    // once ends it before any notice arrives.
+    [[nodiscard]] virtual std::unique_ptr<ObserverToken> addObserver(const std::string& name, Handler handler) = 0;
 };
 
 // The session-bus implementation (sd-bus). A notice the bus does not take at once (a stalled or
 // slow bus daemon, or one still answering the connection) waits in the connection's queue, which
 // `mainQueue` (`MainQueue::main()` when empty) drives again every 50 ms until it is empty or the
-// connection fails; a post never blocks its caller.
+// connection fails; a post never blocks its caller. What is still queued when the process ends
+// through `exit`, or when the center is destroyed, gets up to 2 s to go out.
 NOTIFICATIONDB_API std::shared_ptr<DistributedNotificationCenter> makeDBusNotificationCenter(
     MainQueue::Scheduler mainQueue = {});
 

@@ -14,6 +14,7 @@ namespace notificationdb {
 // contents. Any other exception is rendered as its `what()`.
 class NOTIFICATIONDB_API LogSanitizer {
 public:
+    // The safe text of `error`, as described above.
     static std::string sanitizeError(const std::exception& error);
 };
 

@@ -40,10 +40,11 @@ private:
 // Keeps every message in memory; meant for tests and for hosts that forward logs elsewhere.
 class NOTIFICATIONDB_API CapturingLogDestination final : public LogDestination {
 public:
+    // One message as it arrived.
     struct Entry {
-        std::string loggerPath;
-        LogLevel level;
-        std::string message;
+        std::string loggerPath;  // the dotted path of the logger that logged it
+        LogLevel level;          // its level
+        std::string message;     // its text
     };
 
     void write(std::string_view loggerPath, LogLevel level, std::string_view message) override;
@@ -51,7 +52,7 @@ public:
     std::vector<Entry> entries() const;
     // Only the message texts, in arrival order.
     std::vector<std::string> messages() const;
-    void clear();
+    void clear();  // forgets the messages received so far
 
 private:
     mutable std::mutex mutex_;
@@ -62,7 +63,7 @@ private:
 // destinations and, when it inherits, to everything its parent would deliver to.
 class NOTIFICATIONDB_API Logger : public std::enable_shared_from_this<Logger> {
 public:
-    using Destinations = std::vector<std::shared_ptr<LogDestination>>;
+    using Destinations = std::vector<std::shared_ptr<LogDestination>>;  // where messages are written
 
     // The process's root logger, created on first use; writes to standard error by default.
     static std::shared_ptr<Logger> module();
@@ -73,14 +74,15 @@ public:
     // Delivers `message` at `level` to the destinations described above. Never throws.
     void log(LogLevel level, std::string_view message) const noexcept;
 
-    const std::string& name() const noexcept { return name_; }
+    const std::string& name() const noexcept { return name_; }  // its own name, e.g. "notifications-database"
     // The dotted path from the root, e.g. "root.notifications-database".
     const std::string& path() const noexcept { return path_; }
 
     // Replaces this logger's own destinations; lets a host or a test redirect output.
     void setDestinations(Destinations destinations);
-    Destinations destinations() const;
+    Destinations destinations() const;  // this logger's own destinations, not its parent's
 
+    // Use `module()` and `subLogger()`; public only for `std::make_shared`.
     Logger(std::string name, std::shared_ptr<const Logger> parent, Destinations destinations, bool inheritDestinations);
 
 private:

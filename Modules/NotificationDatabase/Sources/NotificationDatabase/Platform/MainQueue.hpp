@@ -18,8 +18,8 @@ namespace notificationdb {
 // instead of driving the queue.
 class NOTIFICATIONDB_API MainQueue {
 public:
-    using Clock = std::chrono::steady_clock;
-    using Job = std::function<void()>;
+    using Clock = std::chrono::steady_clock;  // deadlines are measured on it
+    using Job = std::function<void()>;        // a job; it may throw (see `runJob`)
     // Receives every job scheduled from then on, with its deadline.
     using Scheduler = std::function<void(Clock::time_point deadline, Job job)>;
 

@@ -35,9 +35,9 @@ using FieldValue = std::variant<std::monostate, std::int64_t, std::string, Times
 // A field as keyed formats see it: its key (also its column name), its kind and whether it may
 // be absent.
 struct FieldDescriptor {
-    std::string_view name;
-    FieldType type;
-    bool optional;
+    std::string_view name;  // the key, and the column's name
+    FieldType type;         // the kind of value
+    bool optional;          // whether the value may be absent
 };
 
 // A value could not be read into a record's field: a required value is absent, or a value has a
@@ -45,9 +45,10 @@ struct FieldDescriptor {
 // value.
 class NOTIFICATIONDB_API RecordDecodingError : public std::runtime_error {
 public:
+    // Says which column of which table could not be read, and why.
     RecordDecodingError(std::string_view table, std::string_view column, std::string_view reason);
 
-    const std::string& column() const noexcept { return column_; }
+    const std::string& column() const noexcept { return column_; }  // the column that could not be read
 
 private:
     std::string column_;
@@ -57,15 +58,16 @@ private:
 // column, never the value.
 class NOTIFICATIONDB_API RecordEncodingError : public std::runtime_error {
 public:
+    // Says which column of which table could not be written, and why.
     RecordEncodingError(std::string_view table, std::string_view column, std::string_view reason);
 };
 
 // A field of `Record`: its key and the member that holds it.
 template <class Record, class Member>
 struct Field {
-    using Type = Member;
-    std::string_view name;
-    Member Record::*member;
+    using Type = Member;     // the member's type
+    std::string_view name;   // the key, and the column's name
+    Member Record::*member;  // where the record holds the value
 };
 template <class Record, class Member>
 Field(std::string_view, Member Record::*) -> Field<Record, Member>;
@@ -217,8 +219,11 @@ Record decodeRecord(Source& source) {
 template <class Record>
 class FieldValues {
 public:
+    // Takes its values from `values`, which must outlive it.
     explicit FieldValues(RecordValues<Record>& values) noexcept : values_(values) {}
 
+    // The `FieldSource` operations, each taking field `i`'s value out of the array.
+    // @{
     template <class Value>
     void required(std::size_t i, Value& out) {
         if (auto* present = std::get_if<Value>(&values_[i])) {
@@ -233,6 +238,7 @@ public:
         if (values_[i].index() == 0) return out.reset();
         required(i, out.emplace());
     }
+    // @}
 
 private:
     RecordValues<Record>& values_;

@@ -17,18 +17,19 @@ namespace notificationdb {
 // `std::chrono::system_clock::now()` as it is.
 class Timestamp {
 public:
-    using duration = std::chrono::milliseconds;
-    using time_point = std::chrono::sys_time<duration>;
+    using duration = std::chrono::milliseconds;          // the precision kept
+    using time_point = std::chrono::sys_time<duration>;  // the same instant as a `sys_time`
 
     // 1970-01-01 00:00:00.000 UTC.
     constexpr Timestamp() noexcept = default;
+    // `instant`, floored to its millisecond.
     template <class Duration>
     constexpr Timestamp(std::chrono::sys_time<Duration> instant) noexcept  // NOLINT(google-explicit-constructor)
         : instant_(std::chrono::floor<duration>(instant)) {}
 
     // The instant as a `sys_time` of milliseconds, and the milliseconds since 1970 alone.
     constexpr time_point sysTime() const noexcept { return instant_; }
-    constexpr duration time_since_epoch() const noexcept { return instant_.time_since_epoch(); }
+    constexpr duration time_since_epoch() const noexcept { return instant_.time_since_epoch(); }  // since 1970
 
     friend constexpr bool operator==(Timestamp, Timestamp) noexcept = default;
     friend constexpr std::strong_ordering operator<=>(Timestamp lhs, Timestamp rhs) noexcept {

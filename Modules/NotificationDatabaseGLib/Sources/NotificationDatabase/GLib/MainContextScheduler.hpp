@@ -40,18 +40,8 @@ struct MainContextQueue;
 //   `runUntilIdle()` would run them. A host that ends before a notice falls due can send the
 //   pending notices at once (see NotificationDatabase.hpp).
 //
-// A Qt host does the same with a scheduler that hops to the GUI thread with a queued call and
-// waits there with a single-shot timer:
-//
-//   MainQueue::main().setScheduler([](MainQueue::Clock::time_point deadline, MainQueue::Job job) {
-//       QMetaObject::invokeMethod(qApp, [deadline, job = std::move(job)] {
-//           const auto delay = std::chrono::ceil<std::chrono::milliseconds>(deadline - MainQueue::Clock::now());
-//           QTimer::singleShot(std::max(delay, std::chrono::milliseconds(0)), Qt::PreciseTimer, qApp, job);
-//       }, Qt::QueuedConnection);
-//   });
-//
-// (QMetaObject::invokeMethod with Qt::QueuedConnection is safe from any thread; the timer is
-// made on the GUI thread, which then runs the job.)
+// A Qt host uses the Qt adapter's `EventLoopScheduler` (`NotificationDatabase/Qt/EventLoopScheduler.hpp`),
+// which keeps the same contract.
 class NOTIFICATIONDB_API MainContextScheduler {
 public:
     // A scheduler for `context` (nullptr: the default main context), which it keeps a
