@@ -160,18 +160,16 @@ TEST(Platform, NoticesWithoutABusAreLoggedAndDropped) {
                                         "Unable to observe distributed notification databaseUpdatedNotification"}));
 }
 
-struct RecordingCenter final : DistributedNotificationCenter {
-    void post(const std::string& /*name*/) override { ++posts; }
-    std::unique_ptr<ObserverToken> addObserver(const std::string& name, Handler handler) override {
-        observed.emplace_back(name, std::move(handler));
-        return std::make_unique<ObserverToken>();
-    }
-    int posts = 0;
-    std::vector<std::pair<std::string, Handler>> observed;
-};
-
 // An update observer on a queue of its own runs its handler there, and only while it lives.
 TEST(Platform, UpdateObserverRunsItsHandlerOnItsQueueWhileItLives) {
+    struct RecordingCenter final : DistributedNotificationCenter {
+        void post(const std::string& /*name*/) override {}
+        std::unique_ptr<ObserverToken> addObserver(const std::string& name, Handler handler) override {
+            observed.emplace_back(name, std::move(handler));
+            return std::make_unique<ObserverToken>();
+        }
+        std::vector<std::pair<std::string, Handler>> observed;
+    };
     auto center = std::make_shared<RecordingCenter>();
     MainQueue queue;
     int heard = 0;
@@ -186,35 +184,11 @@ TEST(Platform, UpdateObserverRunsItsHandlerOnItsQueueWhileItLives) {
     EXPECT_EQ(heard, 1) << "a notice ran after its observer ended";
 }
 
-// A process about to exit posts the notices its stores scheduled at once, and their jobs then
-// post nothing; a job that comes due before an earlier one posts the earlier notice first.
-TEST(Platform, PendingNoticesPostedAtOnceAreNotPostedAgain) {
-    testing::TemporaryDirectory directory;
-    testing::TestServices services;
-    const NotificationDatabaseConfig config(directory / "notices.sqlite", Configuration{});
-    auto first = NotificationDatabaseImpl::create(config, services.services());
-    auto second = NotificationDatabaseImpl::create(config, services.services());
-    const NotificationModelInfo info(NotificationModel(std::nullopt, "c", Timestamp{}, "1", "t", std::nullopt,
-                                                       std::nullopt, std::nullopt, false, std::nullopt,
-                                                       NotificationStatus::new_, NotificationKind::default_));
-    first->save(info);
-    second->save(info);
-    NotificationDatabaseImpl::postPendingNotices();
-    EXPECT_EQ(services.posts(), 2);
-    first->save(info);
-    second->save(info);
-    const auto jobs = services.takeJobs();
-    ASSERT_EQ(jobs.size(), 4U);
-    jobs[3].second();
-    EXPECT_EQ(services.posts(), 4);
-    for (const auto& job : jobs) job.second();
-    NotificationDatabaseImpl::postPendingNotices();
-    EXPECT_EQ(services.posts(), 4);
-}
-
 // A writer never waits for a post: while a center's post hangs, saves and deletions go on and
-// record their notices. A center whose post writes to the store does not wait for itself.
-TEST(Platform, WritersNeverWaitForAPost) {
+// record their notices. A process about to exit posts the notices its stores scheduled at once,
+// and a center whose post writes to the store does not wait for itself; their jobs then post
+// nothing. A job that comes due before an earlier one posts the earlier notice first.
+TEST(Platform, WritersNeverWaitForAPostAndNoticesGoOutOnce) {
     struct Center final : DistributedNotificationCenter {
         void post(const std::string& /*name*/) override {
             std::unique_lock lock(mutex);
@@ -235,8 +209,9 @@ TEST(Platform, WritersNeverWaitForAPost) {
     auto center = std::make_shared<Center>();
     auto services = test.services();
     services.noticeCenter = center;
-    auto store = NotificationDatabaseImpl::create(NotificationDatabaseConfig(directory / "db.sqlite", Configuration{}),
-                                                  services);
+    const NotificationDatabaseConfig config(directory / "db.sqlite", Configuration{});
+    auto store = NotificationDatabaseImpl::create(config, services);
+    auto second = NotificationDatabaseImpl::create(config, services);
     const auto notification = [](std::int64_t id) {
         return NotificationModel(id, "c", Timestamp{}, "1", "t", std::nullopt, std::nullopt, std::nullopt, false,
                                  std::nullopt, NotificationStatus::new_, NotificationKind::default_);
@@ -254,7 +229,7 @@ TEST(Platform, WritersNeverWaitForAPost) {
     }
     EXPECT_TRUE(finishes([&] {
         store->save(notification(2));
-        store->deleteNotifications({notification(1)});
+        second->deleteNotifications({notification(1)});
     })) << "a write waited for the post";
     {
         std::lock_guard lock(center->mutex);
@@ -267,7 +242,20 @@ TEST(Platform, WritersNeverWaitForAPost) {
     EXPECT_EQ(store->notificationsCount(), 2);
     // The first save's, the second's, the deletion's, and that of the save made while posting.
     EXPECT_EQ(center->posts, 4);
-    EXPECT_EQ(test.takeJobs().size(), 3U);
+    jobs = test.takeJobs();
+    ASSERT_EQ(jobs.size(), 3U);
+    for (const auto& job : jobs) job.second();
+    NotificationDatabaseImpl::postPendingNotices();
+    EXPECT_EQ(center->posts, 4) << "a notice posted at once went out again";
+    center->whenPosting = nullptr;
+    store->save(notification(4));
+    second->save(notification(5));
+    jobs = test.takeJobs();
+    ASSERT_EQ(jobs.size(), 2U);
+    jobs[1].second();
+    EXPECT_EQ(center->posts, 6) << "the job due later did not post the earlier notice";
+    jobs[0].second();
+    EXPECT_EQ(center->posts, 6);
 }
 
 }  // namespace

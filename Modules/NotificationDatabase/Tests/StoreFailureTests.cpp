@@ -84,6 +84,10 @@ const Fault refuseDeleting2{
 const Fault droppedColumn{"a dropped column", "ALTER TABLE notification DROP COLUMN bannerUrl"};
 const Fault readOnlyStore{"a read-only store", ""};
 const Fault writingScheduler{"a main queue that saves as a job is scheduled", ""};
+// 3000 more notifications of 1000 bytes of text each.
+const char* const manyRows =
+    "WITH RECURSIVE n(i) AS (SELECT 10 UNION ALL SELECT i + 1 FROM n WHERE i < 3000) INSERT INTO notification "
+    "SELECT i, 'c', '2026-01-01 00:00:00.000', i, 't', NULL, hex(randomblob(500)), NULL, 0, NULL, 0, 0 FROM n";
 const std::string unreadable = R"(could not read column "status" of "notification": integer is no NotificationStatus)";
 const std::string noKind =
     R"(could not read column "notificationKind" of "notification": integer is no NotificationKind)";
@@ -152,15 +156,9 @@ const std::vector<Case> failureCases = {
     {{"a disk whose sync fails", "", testing::FaultyDisk::sync, SQLITE_IOERR_FSYNC}, "updateStatus",
      [](auto& s) { return s.updateStatus({1, 2}, NotificationStatus::read), ""; }, "",
      "Unable to mark as read notification IDs: [1, 2]: SQLite error 10 (SQLITE_IOERR_FSYNC): disk I/O error"},
-    {{"a full disk under 3 MB of rows",
-      "WITH RECURSIVE n(i) AS (SELECT 10 UNION ALL SELECT i + 1 FROM n WHERE i < 3000) INSERT INTO notification "
-      "SELECT i, 'c', '2026-01-01 00:00:00.000', i, 't', NULL, hex(randomblob(500)), NULL, 0, NULL, 0, 0 FROM n",
-      testing::FaultyDisk::write, SQLITE_FULL},
+    {{"a full disk under 3 MB of rows", manyRows, testing::FaultyDisk::write, SQLITE_FULL},
      "deleteAll", deleteAll, "", "Unable to reset notification database: SQLite error 13 (SQLITE_FULL): database or disk is full"},
-    {{"a dying disk under 3 MB of rows",
-      "WITH RECURSIVE n(i) AS (SELECT 10 UNION ALL SELECT i + 1 FROM n WHERE i < 3000) INSERT INTO notification "
-      "SELECT i, 'c', '2026-01-01 00:00:00.000', i, 't', NULL, hex(randomblob(500)), NULL, 0, NULL, 0, 0 FROM n",
-      testing::FaultyDisk::write, SQLITE_IOERR_WRITE},
+    {{"a dying disk under 3 MB of rows", manyRows, testing::FaultyDisk::write, SQLITE_IOERR_WRITE},
      "deleteAll", deleteAll, "", "Unable to reset notification database: SQLite error 10 (SQLITE_IOERR_WRITE): disk I/O error"},
     // A read-only store reads, skips what it holds and drops what its contract drops, silently.
     {readOnlyStore, "save", saveNew, "", unsaved + readOnlyError},

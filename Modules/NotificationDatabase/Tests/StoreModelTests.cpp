@@ -40,18 +40,12 @@ constexpr UserActionKind storedActions[] = {UserActionKind::openCabinet,        
                                             UserActionKind::openCollection,      UserActionKind::openLink,
                                             UserActionKind::openBlogArticle,     UserActionKind::openVantro,
                                             UserActionKind::refreshInstalledApps};
-template <class E, std::size_t N>
-std::int64_t position(const E (&cases)[N], E value) {
-    return std::ranges::find(cases, value) - std::begin(cases);
-}
-std::int64_t raw(NotificationStatus value) {
-    return position(storedStatuses, value);
-}
-std::int64_t raw(NotificationKind value) {
-    return position(storedKinds, value);
-}
-std::int64_t raw(UserActionKind value) {
-    return position(storedActions, value);
+template <class E>
+std::int64_t raw(E value) {
+    const auto position = [value](const auto& cases) { return std::ranges::find(cases, value) - std::begin(cases); };
+    if constexpr (std::is_same_v<E, NotificationStatus>) return position(storedStatuses);
+    else if constexpr (std::is_same_v<E, NotificationKind>) return position(storedKinds);
+    else return position(storedActions);
 }
 
 std::string dateText(Timestamp date) {

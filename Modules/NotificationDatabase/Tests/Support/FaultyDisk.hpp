@@ -15,7 +15,6 @@
 #include <mutex>
 #include <new>
 #include <string>
-#include <vector>
 
 namespace notificationdb::testing {
 
@@ -35,154 +34,98 @@ public:
         call_ = call, countdown_ = nth, code_ = code, dead_ = dead, failing_ = false;
     }
     void repair() { failAt(write, 0, SQLITE_OK, false); }
-    // Every file loses what was written to it since its last sync, its size included. Call it
-    // with every connection closed.
+    // Every file goes back to what it held at its last sync, its size included. Call it with
+    // every connection closed.
     void powerCut() {
         std::lock_guard lock(mutex_);
-        for (auto& [path, file] : unsynced_) {
-            const int descriptor = ::open(path.c_str(), O_WRONLY);
-            for (const auto& [offset, bytes] : file.old) (void)::pwrite(descriptor, bytes.data(), bytes.size(), offset);
-            (void)::ftruncate(descriptor, file.syncedSize);
+        for (const auto& [path, bytes] : synced_) {
+            const int descriptor = ::open(path.c_str(), O_WRONLY | O_TRUNC);
+            (void)::write(descriptor, bytes.data(), bytes.size());
             ::close(descriptor);
         }
-        unsynced_.clear();
+        synced_.clear();
     }
 
 private:
+    // What follows the real file in the space SQLite gives each open file: the real file's methods,
+    // with writes, syncs and truncates going through `call`.
     struct File {
-        sqlite3_file base;
-        FaultyDisk* disk;
-        std::string* path;  // empty for a temporary file
-        sqlite3_file* real() { return reinterpret_cast<sqlite3_file*>(this + 1); }
-    };
-    // What a file held at its last sync, where it has changed since: its size, and the old bytes
-    // of every range written below that size.
-    struct Unsynced {
-        sqlite3_int64 syncedSize = 0;
-        std::map<sqlite3_int64, std::vector<char>> old;
+        sqlite3_io_methods methods;
+        const sqlite3_io_methods* real;
+        std::string path;  // empty for a temporary file
     };
 
     FaultyDisk() : real_(sqlite3_vfs_find(nullptr)), vfs_(*real_) {
+        offset_ = (real_->szOsFile + int(alignof(File)) - 1) / int(alignof(File)) * int(alignof(File));
         vfs_.zName = "faulty";
-        vfs_.pAppData = this;
-        vfs_.szOsFile = int(sizeof(File)) + real_->szOsFile;
-        vfs_.xOpen = [](sqlite3_vfs* vfs, const char* name, sqlite3_file* file, int flags, int* out) {
-            auto* disk = static_cast<FaultyDisk*>(vfs->pAppData);
-            auto* faulty = reinterpret_cast<File*>(file);
-            const int rc = disk->real_->xOpen(disk->real_, name, faulty->real(), flags, out);
-            faulty->base.pMethods = rc == SQLITE_OK ? &disk->ioMethods : nullptr;
-            faulty->disk = disk;
-            faulty->path = new std::string(name != nullptr ? name : "");
-            if (rc != SQLITE_OK) delete faulty->path;
+        vfs_.szOsFile = offset_ + int(sizeof(File));
+        vfs_.xOpen = [](sqlite3_vfs*, const char* name, sqlite3_file* f, int flags, int* out) {
+            FaultyDisk& disk = install();
+            const int rc = disk.real_->xOpen(disk.real_, name, f, flags, out);
+            if (rc != SQLITE_OK) return rc;
+            File& file = *new (reinterpret_cast<char*>(f) + disk.offset_) File{*f->pMethods, f->pMethods, name ? name : ""};
+            file.methods.xClose = [](sqlite3_file* f) {
+                const sqlite3_io_methods* real = of(f).real;
+                of(f).~File();
+                return real->xClose(f);
+            };
+            file.methods.xWrite = [](sqlite3_file* f, const void* data, int size, sqlite3_int64 offset) {
+                return call(f, write, [&](const auto& real) { return real.xWrite(f, data, size, offset); });
+            };
+            file.methods.xTruncate = [](sqlite3_file* f, sqlite3_int64 size) {
+                return call(f, truncate, [&](const auto& real) { return real.xTruncate(f, size); });
+            };
+            file.methods.xSync = [](sqlite3_file* f, int flags) {
+                return call(f, sync, [&](const auto& real) { return real.xSync(f, flags); });
+            };
+            f->pMethods = &file.methods;
             return rc;
         };
-        vfs_.xDelete = [](sqlite3_vfs* vfs, const char* name, int syncDirectory) {
-            auto* disk = static_cast<FaultyDisk*>(vfs->pAppData);
-            std::lock_guard lock(disk->mutex_);
-            disk->unsynced_.erase(name);
-            return disk->real_->xDelete(disk->real_, name, syncDirectory);
+        vfs_.xDelete = [](sqlite3_vfs*, const char* name, int syncDirectory) {
+            FaultyDisk& disk = install();
+            std::lock_guard lock(disk.mutex_);
+            disk.synced_.erase(name);
+            return disk.real_->xDelete(disk.real_, name, syncDirectory);
         };
         sqlite3_vfs_register(&vfs_, 1);
     }
 
-    static File& of(sqlite3_file* file) { return *reinterpret_cast<File*>(file); }
-    static const sqlite3_io_methods& realMethods(sqlite3_file* file) { return *of(file).real()->pMethods; }
+    static File& of(sqlite3_file* f) { return *reinterpret_cast<File*>(reinterpret_cast<char*>(f) + install().offset_); }
 
-    // The result of the next call of kind `call`.
-    int nextCall(Call call) {
-        if (failing_) return code_;
-        if (countdown_ <= 0 || call != call_ || --countdown_ > 0) return SQLITE_OK;
-        failing_ = dead_;
-        return code_;
-    }
-    // Keeps the bytes that a write (or a truncate) of [from, to) in `file` replaces, where the
-    // file's last sync had them and they are not kept yet.
-    void keep(File& file, sqlite3_int64 from, sqlite3_int64 to) {
-        if (file.path->empty()) return;
-        auto [entry, fresh] = unsynced_.try_emplace(*file.path);
-        Unsynced& unsynced = entry->second;
-        if (fresh) realMethods(&file.base).xFileSize(file.real(), &unsynced.syncedSize);
-        to = std::min(to, unsynced.syncedSize);
-        while (from < to) {
-            auto next = unsynced.old.upper_bound(from);
-            if (next != unsynced.old.begin()) {
-                const auto& [start, bytes] = *std::prev(next);
-                if (from < start + sqlite3_int64(bytes.size())) {
-                    from = start + sqlite3_int64(bytes.size());
-                    continue;
-                }
-            }
-            const sqlite3_int64 end = next != unsynced.old.end() ? std::min(to, next->first) : to;
-            std::vector<char> bytes(std::size_t(end - from));
-            realMethods(&file.base).xRead(file.real(), bytes.data(), int(bytes.size()), from);
-            unsynced.old.emplace(from, std::move(bytes));
-            from = end;
+    // Runs `real` unless the disk fails this call. A write or truncate first keeps the whole file
+    // as its last sync left it (the files are small); a sync that succeeds forgets that copy.
+    template <class Real>
+    static int call(sqlite3_file* f, Call kind, Real real) {
+        FaultyDisk& disk = install();
+        File& file = of(f);
+        std::lock_guard lock(disk.mutex_);
+        if (disk.failing_) return disk.code_;
+        if (disk.countdown_ > 0 && kind == disk.call_ && --disk.countdown_ == 0) {
+            disk.failing_ = disk.dead_;
+            return disk.code_;
         }
+        if (kind != sync && !file.path.empty() && !disk.synced_.contains(file.path)) {
+            sqlite3_int64 size = 0;
+            file.real->xFileSize(f, &size);
+            std::string& bytes = disk.synced_[file.path];
+            bytes.resize(std::size_t(size));
+            if (size > 0) file.real->xRead(f, bytes.data(), int(size), 0);
+        }
+        const int rc = real(*file.real);
+        if (kind == sync && rc == SQLITE_OK) disk.synced_.erase(file.path);
+        return rc;
     }
 
     sqlite3_vfs* real_;
     sqlite3_vfs vfs_;
+    int offset_ = 0;  // of our part of each file, after the real file
     std::mutex mutex_;
     Call call_ = write;
     int countdown_ = 0;
     int code_ = SQLITE_OK;
     bool dead_ = false;
     bool failing_ = false;
-    std::map<std::string, Unsynced> unsynced_;
-
-    const sqlite3_io_methods ioMethods = {
-        3,
-        [](sqlite3_file* f) {
-            delete of(f).path;
-            return realMethods(f).xClose(of(f).real());
-        },
-        [](sqlite3_file* f, void* data, int size, sqlite3_int64 offset) {
-            return realMethods(f).xRead(of(f).real(), data, size, offset);
-        },
-        [](sqlite3_file* f, const void* data, int size, sqlite3_int64 offset) {
-            FaultyDisk& disk = *of(f).disk;
-            std::lock_guard lock(disk.mutex_);
-            if (const int rc = disk.nextCall(write); rc != SQLITE_OK) return rc;
-            disk.keep(of(f), offset, offset + size);
-            return realMethods(f).xWrite(of(f).real(), data, size, offset);
-        },
-        [](sqlite3_file* f, sqlite3_int64 size) {
-            FaultyDisk& disk = *of(f).disk;
-            std::lock_guard lock(disk.mutex_);
-            if (const int rc = disk.nextCall(truncate); rc != SQLITE_OK) return rc;
-            disk.keep(of(f), size, INT64_MAX);
-            return realMethods(f).xTruncate(of(f).real(), size);
-        },
-        [](sqlite3_file* f, int flags) {
-            FaultyDisk& disk = *of(f).disk;
-            std::lock_guard lock(disk.mutex_);
-            if (const int rc = disk.nextCall(sync); rc != SQLITE_OK) return rc;
-            const int rc = realMethods(f).xSync(of(f).real(), flags);
-            if (rc == SQLITE_OK) disk.unsynced_.erase(*of(f).path);
-            return rc;
-        },
-        [](sqlite3_file* f, sqlite3_int64* size) { return realMethods(f).xFileSize(of(f).real(), size); },
-        [](sqlite3_file* f, int lock) { return realMethods(f).xLock(of(f).real(), lock); },
-        [](sqlite3_file* f, int lock) { return realMethods(f).xUnlock(of(f).real(), lock); },
-        [](sqlite3_file* f, int* out) { return realMethods(f).xCheckReservedLock(of(f).real(), out); },
-        [](sqlite3_file* f, int op, void* arg) { return realMethods(f).xFileControl(of(f).real(), op, arg); },
-        [](sqlite3_file* f) { return realMethods(f).xSectorSize(of(f).real()); },
-        [](sqlite3_file* f) { return realMethods(f).xDeviceCharacteristics(of(f).real()); },
-        [](sqlite3_file* f, int page, int size, int extend, void volatile** out) {
-            return realMethods(f).xShmMap(of(f).real(), page, size, extend, out);
-        },
-        [](sqlite3_file* f, int offset, int n, int flags) {
-            return realMethods(f).xShmLock(of(f).real(), offset, n, flags);
-        },
-        [](sqlite3_file* f) { realMethods(f).xShmBarrier(of(f).real()); },
-        [](sqlite3_file* f, int deleteFlag) { return realMethods(f).xShmUnmap(of(f).real(), deleteFlag); },
-        [](sqlite3_file* f, sqlite3_int64 offset, int size, void** out) {
-            return realMethods(f).xFetch(of(f).real(), offset, size, out);
-        },
-        [](sqlite3_file* f, sqlite3_int64 offset, void* page) {
-            return realMethods(f).xUnfetch(of(f).real(), offset, page);
-        },
-    };
+    std::map<std::string, std::string> synced_;
 };
 
 }  // namespace notificationdb::testing

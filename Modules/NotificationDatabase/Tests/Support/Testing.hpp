@@ -9,7 +9,6 @@
 
 #include <sqlite3.h>
 
-#include <atomic>
 #include <filesystem>
 #include <functional>
 #include <mutex>
@@ -43,6 +42,12 @@ private:
     std::string path_;
 };
 
+inline std::vector<CapturingLogDestination::Entry> takeEntries(CapturingLogDestination& destination) {
+    auto entries = destination.entries();
+    destination.clear();
+    return entries;
+}
+
 // Sends everything logged through `Logger::module()` (by the platform services and the
 // configuration) to memory while it lives.
 class LogCapture {
@@ -50,11 +55,7 @@ public:
     LogCapture() : previous_(Logger::module()->destinations()) { Logger::module()->setDestinations({sink_}); }
     ~LogCapture() { Logger::module()->setDestinations(previous_); }
     // The entries so far, and then none.
-    std::vector<CapturingLogDestination::Entry> take() {
-        auto entries = sink_->entries();
-        sink_->clear();
-        return entries;
-    }
+    std::vector<CapturingLogDestination::Entry> take() { return takeEntries(*sink_); }
 
 private:
     std::shared_ptr<CapturingLogDestination> sink_ = std::make_shared<CapturingLogDestination>();
@@ -63,7 +64,7 @@ private:
 
 // The services a store under test is handed: a root logger "root" that keeps its messages, a
 // main queue that keeps the deadlines of the jobs scheduled on it and runs none, and a notice
-// center that counts its posts.
+// center that drops its posts.
 class TestServices {
 public:
     NotificationDatabaseServices services() {
@@ -77,12 +78,8 @@ public:
     }
     // The messages logged so far.
     std::vector<std::string> messages() const { return log_->messages(); }
-    // The messages logged so far, and then none.
-    std::vector<CapturingLogDestination::Entry> takeLog() {
-        auto entries = log_->entries();
-        log_->clear();
-        return entries;
-    }
+    // The entries logged so far, and then none.
+    std::vector<CapturingLogDestination::Entry> takeLog() { return takeEntries(*log_); }
     // The jobs scheduled so far with their deadlines, and then none.
     std::vector<std::pair<MainQueue::Clock::time_point, MainQueue::Job>> takeJobs() {
         std::lock_guard lock(mutex_);
@@ -93,20 +90,18 @@ public:
         for (const auto& job : takeJobs()) deadlines.push_back(job.first);
         return deadlines;
     }
-    int posts() const { return center_->posts; }
 
     // Called as each job is scheduled, on the thread that commits, as a host's scheduler may.
     std::function<void()> whenScheduled;
 
 private:
-    struct CountingCenter final : DistributedNotificationCenter {
-        void post(const std::string& /*name*/) override { ++posts; }
+    struct SilentCenter final : DistributedNotificationCenter {
+        void post(const std::string& /*name*/) override {}
         std::unique_ptr<ObserverToken> addObserver(const std::string&, Handler) override { return nullptr; }
-        std::atomic<int> posts{0};
     };
     std::shared_ptr<CapturingLogDestination> log_ = std::make_shared<CapturingLogDestination>();
     std::shared_ptr<Logger> root_ = std::make_shared<Logger>("root", nullptr, Logger::Destinations{log_}, false);
-    std::shared_ptr<CountingCenter> center_ = std::make_shared<CountingCenter>();
+    std::shared_ptr<SilentCenter> center_ = std::make_shared<SilentCenter>();
     std::mutex mutex_;
     std::vector<std::pair<MainQueue::Clock::time_point, MainQueue::Job>> scheduled_;
 };
