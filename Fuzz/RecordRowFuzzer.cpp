@@ -120,18 +120,6 @@ void storeRow(const Input& input) {
     });
 }
 
-// Copies of the row's values, taken before the store reads it: reading a column as another type
-// converts it in place, so the model must never share the store's row.
-struct Values {
-    sqlite3_stmt* row;
-    std::vector<std::unique_ptr<sqlite3_value, decltype(&sqlite3_value_free)>> copies;
-    explicit Values(sqlite3_stmt* statement) : row(statement) {
-        for (int i = 0; i < sqlite3_column_count(row); ++i)
-            copies.emplace_back(sqlite3_value_dup(sqlite3_column_value(row, i)), &sqlite3_value_free);
-    }
-    sqlite3_value* operator[](int i) const { return copies[static_cast<std::size_t>(i)].get(); }
-};
-
 // Columns [first, second) of the row.
 using View = std::pair<int, int>;
 
@@ -142,42 +130,42 @@ using View = std::pair<int, int>;
 // from date text or from a number of seconds since 1970, floored to the millisecond, in years
 // 0000...9999, and from nothing else.
 template <class Record>
-std::optional<FieldValue> expected(const Values& row, View view, std::size_t i) {
+std::optional<FieldValue> expected(sqlite3_stmt* row, View view, std::size_t i) {
     using Value = std::optional<FieldValue>;
     const FieldDescriptor& field = fieldDescriptors<Record>[i];
     int at = view.first;
-    while (at < view.second && !equalsIgnoringCase(sqlite3_column_name(row.row, at), field.name)) ++at;
-    const int type = at < view.second ? sqlite3_value_type(row[at]) : SQLITE_NULL;
+    while (at < view.second && !equalsIgnoringCase(sqlite3_column_name(row, at), field.name)) ++at;
+    const int type = at < view.second ? sqlite3_column_type(row, at) : SQLITE_NULL;
     if (type == SQLITE_NULL) return field.optional ? Value(std::monostate{}) : std::nullopt;
     const auto bytesOf = [&](const void* data) {
         const auto* begin = static_cast<const std::uint8_t*>(data);
-        return Bytes(begin, begin + (begin != nullptr ? sqlite3_value_bytes(row[at]) : 0));
+        return Bytes(begin, begin + (begin != nullptr ? sqlite3_column_bytes(row, at) : 0));
     };
     switch (field.type) {
         case FieldType::integer:
-            return sqlite3_value_int64(row[at]);
+            return sqlite3_column_int64(row, at);
         case FieldType::enumeration: {
-            const std::int64_t raw = sqlite3_value_int64(row[at]);
+            const std::int64_t raw = sqlite3_column_int64(row, at);
             const std::int64_t cases = field.name == "status" ? 3 : field.name == "notificationKind" ? 5 : 7;
             return raw >= 0 && raw < cases ? Value(raw) : std::nullopt;
         }
         case FieldType::boolean:
-            return sqlite3_value_int64(row[at]) != 0;
+            return sqlite3_column_int64(row, at) != 0;
         case FieldType::text: {
-            const Bytes text = bytesOf(sqlite3_value_text(row[at]));
+            const Bytes text = bytesOf(sqlite3_column_text(row, at));
             return std::string(text.begin(), text.end());
         }
         case FieldType::bytes:
-            return bytesOf(sqlite3_value_blob(row[at]));
+            return bytesOf(sqlite3_column_blob(row, at));
         case FieldType::date:
             break;
     }
     if (type == SQLITE_TEXT) {
-        const Bytes text = bytesOf(sqlite3_value_text(row[at]));
+        const Bytes text = bytesOf(sqlite3_column_text(row, at));
         return fuzz::modelDateText(std::string(text.begin(), text.end()));
     }
     if (type == SQLITE_BLOB) return std::nullopt;
-    const double ms = std::floor(sqlite3_value_double(row[at]) * 1000);
+    const double ms = std::floor(sqlite3_column_double(row, at) * 1000);
     return ms >= fuzz::earliest && ms < fuzz::latest ? Value(fuzz::at(std::int64_t(ms))) : std::nullopt;
 }
 
@@ -188,7 +176,7 @@ struct Expected {
     RecordValues<Record> values;
     std::string_view failing;
 
-    Expected(const Values& row, View view) {
+    Expected(sqlite3_stmt* row, View view) {
         for (std::size_t i = 0; i < values.size(); ++i) {
             auto value = expected<Record>(row, view, i);
             if (!value && failing.empty()) failing = fieldDescriptors<Record>[i].name;
@@ -207,12 +195,13 @@ void checkRecord(const Record& record, const Expected<Record>& model) {
 }
 
 void readRow(Connection& connection, const Input& input) {
-    // The store's joined read, every row with the one button row.
-    const std::string joined(joinedSelect);
-    auto statement = connection.cachedStatement(joined.substr(0, joined.find(" ON ")) + " ON 1");
-    FUZZ_CHECK(statement->step(), "the joined query gave no row");
+    // The store's joined read, every row with the one button row. The model reads a run of its
+    // own: reading a value as another type converts it in place.
+    const std::string joined(joinedSelect), query = joined.substr(0, joined.find(" ON ")) + " ON 1";
+    auto statement = connection.cachedStatement(query), modelRun = connection.cachedStatement(query + " ");
+    FUZZ_CHECK(statement->step() && modelRun->step(), "the joined query gave no row");
     const Row row = statement->row();
-    const Values values(row.handle());
+    sqlite3_stmt* handle = modelRun->row().handle();
 
     // The notification's columns, then the button's.
     int split = 0;
@@ -221,9 +210,9 @@ void readRow(Connection& connection, const Input& input) {
     const View notificationPart{0, split}, buttonPart{split, row.end()};
     bool hasButton = false;
     for (int i = buttonPart.first; i < buttonPart.second; ++i)
-        hasButton |= sqlite3_value_type(values[i]) != SQLITE_NULL;
-    const Expected<NotificationModel> notification(values, notificationPart);
-    const Expected<NotificationButton> actionButton(values, buttonPart);
+        hasButton |= sqlite3_column_type(handle, i) != SQLITE_NULL;
+    const Expected<NotificationModel> notification(handle, notificationPart);
+    const Expected<NotificationButton> actionButton(handle, buttonPart);
     const auto failing = notification.failing.empty() && hasButton ? actionButton.failing : notification.failing;
     const std::string outcome = !notification.failing.empty() ? "notification." + std::string(failing)
                                 : !failing.empty()            ? "notificationButton." + std::string(failing)

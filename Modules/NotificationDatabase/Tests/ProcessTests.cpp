@@ -96,10 +96,9 @@ TEST(Threads, ConcurrentSavesAndReadsOnOneStore) {
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([&, t] {
             for (int j = 0; j < perThread; ++j) {
-                NotificationModel n(std::nullopt, j % 10 == 0 ? "shared" : "t" + std::to_string(t),
-                                    std::chrono::system_clock::now(), std::to_string(j), "tag", std::nullopt,
-                                    std::nullopt, std::nullopt, false, std::nullopt, NotificationStatus::new_,
-                                    NotificationKind::newApp);
+                const auto n = testing::notification(std::nullopt, j % 10 == 0 ? "shared" : "t" + std::to_string(t),
+                                                     NotificationKind::newApp, std::to_string(j),
+                                                     std::chrono::system_clock::now());
                 store->save({n, NotificationButton(std::nullopt, std::to_string(j), "Open", true, std::nullopt,
                                                    std::nullopt, std::nullopt)});
             }
@@ -148,8 +147,7 @@ TEST(Process, AStoppedBusDaemonStallsNoWrite) {
                                                   services);
     using Clock = std::chrono::steady_clock;
     const auto began = Clock::now();
-    store->save(NotificationModel(std::nullopt, "c", Timestamp{}, "1", "t", std::nullopt, std::nullopt, std::nullopt,
-                                  false, std::nullopt, NotificationStatus::new_, NotificationKind::default_));
+    store->save(testing::notification(std::nullopt));
     const auto saved = Clock::now();
     auto jobs = test.takeJobs();
     ASSERT_EQ(jobs.size(), 1U);

@@ -9,7 +9,6 @@
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
 #include <cstdlib>
 #include <future>
 #include <iostream>
@@ -82,18 +81,17 @@ TEST(Setup, TheReadyMadeConfigurationsAndTheSchemaOfANewFile) {
     EXPECT_EQ(NotificationDatabaseVersionNumber, 159.0);
 }
 
-// The enumerations as the file stores them, written out: the raw value of each case is its
-// position in these lists. Strict construction knows exactly those values; the lenient ones fall
-// back to `new` (also for 0) and `default`; case names read in any letter case.
+// The enumerations as the file stores them: the raw value of each case is its position in the
+// stored lists. Strict construction knows exactly those values; the lenient ones fall back to
+// `new` (also for 0) and `default`; case names read in any letter case.
 TEST(Setup, EnumerationsAndTheirRawValues) {
     using S = NotificationStatus;
     using K = NotificationKind;
     using A = UserActionKind;
-    const std::vector<S> statuses{S::new_, S::shown, S::read};
-    const std::vector<K> kinds{K::default_, K::newApp, K::appUpdate, K::vantroUpdate, K::ai};
-    const std::vector<A> actions{A::openCabinet,     A::openApp,    A::openCollection,      A::openLink,
-                                 A::openBlogArticle, A::openVantro, A::refreshInstalledApps};
-    const std::vector<std::string> actionNames{"openCabinet",     "openApp",    "openCollection",      "openLink",
+    const auto& statuses = testing::storedStatuses;
+    const auto& kinds = testing::storedKinds;
+    const auto& actions = testing::storedActions;
+    const std::string actionNames[]{"openCabinet",     "openApp",    "openCollection",      "openLink",
                                                "openBlogArticle", "openVantro", "refreshInstalledApps"};
     const auto at = [](const auto& cases, std::int64_t raw) {
         return raw >= 0 && raw < std::ssize(cases) ? std::optional(cases[std::size_t(raw)]) : std::nullopt;
@@ -164,15 +162,7 @@ TEST(Platform, NoticesWithoutABusAreLoggedAndDropped) {
 
 // An update observer on a queue of its own runs its handler there, and only while it lives.
 TEST(Platform, UpdateObserverRunsItsHandlerOnItsQueueWhileItLives) {
-    struct RecordingCenter final : DistributedNotificationCenter {
-        void post(const std::string& /*name*/) override {}
-        std::unique_ptr<ObserverToken> addObserver(const std::string& name, Handler handler) override {
-            observed.emplace_back(name, std::move(handler));
-            return std::make_unique<ObserverToken>();
-        }
-        std::vector<std::pair<std::string, Handler>> observed;
-    };
-    auto center = std::make_shared<RecordingCenter>();
+    auto center = std::make_shared<testing::TestCenter>();
     MainQueue queue;
     int heard = 0;
     auto observer = std::make_optional<DatabaseUpdateObserver>([&heard] { ++heard; }, center, queue);
@@ -191,33 +181,14 @@ TEST(Platform, UpdateObserverRunsItsHandlerOnItsQueueWhileItLives) {
 // and a center whose post writes to the store does not wait for itself; their jobs then post
 // nothing. A job that comes due before an earlier one posts the earlier notice first.
 TEST(Platform, WritersNeverWaitForAPostAndNoticesGoOutOnce) {
-    struct Center final : DistributedNotificationCenter {
-        void post(const std::string& /*name*/) override {
-            std::unique_lock lock(mutex);
-            ++posts;
-            changed.notify_all();
-            changed.wait(lock, [this] { return !hang; });
-            if (whenPosting) whenPosting();
-        }
-        std::unique_ptr<ObserverToken> addObserver(const std::string&, Handler) override { return nullptr; }
-        std::mutex mutex;
-        std::condition_variable changed;
-        bool hang = true;
-        int posts = 0;
-        std::function<void()> whenPosting;
-    };
     testing::TemporaryDirectory directory;
     testing::TestServices test;
-    auto center = std::make_shared<Center>();
-    auto services = test.services();
-    services.noticeCenter = center;
+    const auto& center = test.center;
+    center->hang = true;
     const NotificationDatabaseConfig config(directory / "db.sqlite", Configuration{});
-    auto store = NotificationDatabaseImpl::create(config, services);
-    auto second = NotificationDatabaseImpl::create(config, services);
-    const auto notification = [](std::int64_t id) {
-        return NotificationModel(id, "c", Timestamp{}, "1", "t", std::nullopt, std::nullopt, std::nullopt, false,
-                                 std::nullopt, NotificationStatus::new_, NotificationKind::default_);
-    };
+    auto store = NotificationDatabaseImpl::create(config, test.services());
+    auto second = NotificationDatabaseImpl::create(config, test.services());
+    using testing::notification;
     // Runs `work`, which must finish: a wait for the hanging post never ends, so the test then
     // says what waited and ends the process at once.
     const auto mustFinish = [](auto&& work, const char* what) {
@@ -240,11 +211,7 @@ TEST(Platform, WritersNeverWaitForAPostAndNoticesGoOutOnce) {
             second->deleteNotifications({notification(1)});
         },
         "a write waited for the post");
-    {
-        std::lock_guard lock(center->mutex);
-        center->hang = false;
-        center->changed.notify_all();
-    }
+    center->release();
     mainQueue.join();
     center->whenPosting = [&] { store->save(notification(3)); };
     mustFinish([&] { NotificationDatabaseImpl::postPendingNotices(); }, "a post that writes waited");

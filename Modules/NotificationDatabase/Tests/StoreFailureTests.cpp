@@ -30,8 +30,7 @@ static_assert(!std::is_constructible_v<NotificationDatabaseImpl, const Notificat
 
 NotificationModelInfo entry(std::optional<std::int64_t> id, NotificationKind kind, std::string version,
                             std::optional<std::int64_t> buttonID) {
-    NotificationModel n(id, "c", parseDateText("2026-11-01").value(), std::move(version), "tag", std::nullopt,
-                        std::nullopt, std::nullopt, false, std::nullopt, NotificationStatus::new_, kind);
+    const auto n = testing::notification(id, "c", kind, std::move(version), parseDateText("2026-11-01").value());
     if (!buttonID) return NotificationModelInfo(n);
     return {n, NotificationButton(buttonID, "b", "Open", true, std::nullopt, UserActionKind::openApp, Bytes{1})};
 }

@@ -29,17 +29,9 @@ using Text = std::optional<std::string>;
 using ID = std::optional<std::int64_t>;
 using Infos = std::vector<NotificationModelInfo>;
 
-// The stored forms, written here from the file's format: each enumeration case is stored as its
-// position in these lists.
-constexpr NotificationStatus storedStatuses[] = {NotificationStatus::new_, NotificationStatus::shown,
-                                                 NotificationStatus::read};
-constexpr NotificationKind storedKinds[] = {NotificationKind::default_, NotificationKind::newApp,
-                                            NotificationKind::appUpdate, NotificationKind::vantroUpdate,
-                                            NotificationKind::ai};
-constexpr UserActionKind storedActions[] = {UserActionKind::openCabinet,         UserActionKind::openApp,
-                                            UserActionKind::openCollection,      UserActionKind::openLink,
-                                            UserActionKind::openBlogArticle,     UserActionKind::openVantro,
-                                            UserActionKind::refreshInstalledApps};
+using testing::storedStatuses, testing::storedKinds, testing::storedActions;
+
+// The integer a case is stored as.
 template <class E>
 std::int64_t raw(E value) {
     const auto position = [value](const auto& cases) { return std::ranges::find(cases, value) - std::begin(cases); };
@@ -65,9 +57,7 @@ std::string stored(const T& value) {
     if constexpr (requires { value.has_value(); }) {
         return value ? stored(*value) : "NULL";
     } else if constexpr (std::is_same_v<T, Bytes>) {
-        std::string text = "x'";
-        for (auto byte : value) text += {"0123456789ABCDEF"[byte >> 4], "0123456789ABCDEF"[byte & 15]};
-        return text + "'";
+        return testing::blobLiteral(value.data(), value.size());
     } else if constexpr (std::is_same_v<T, std::string>) {
         return value;
     } else if constexpr (std::is_enum_v<T>) {
@@ -570,8 +560,7 @@ protected:
                 for (int group = !model.locked && chance(0.5) ? 2 : 0; group > 0; --group) {
                     const auto customer = group == 2 ? pick<Text>({std::nullopt, ""}) : any(customers);
                     for (std::size_t i = 30 + pick(91); i > 0; --i)
-                        batch.push_back(NotificationModel(nextBurstID++, customer, now - minutes(i / 20), "1.0", "tag",
-                                                          {}, {}, {}, false, {}, {}, {}));
+                        batch.push_back(testing::notification(nextBurstID++, customer, {}, "1.0", now - minutes(i / 20)));
                 }
                 updater.receive(batch);
                 if (batch.empty()) {

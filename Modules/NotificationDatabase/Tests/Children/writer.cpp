@@ -50,10 +50,11 @@ int main(int argc, char** argv) {
     for (int j = 0; j < std::atoi(argv[3]); ++j) {
         const std::string title = "w" + writer + "-" + std::to_string(j);
         const bool shared = j % 10 == 0;
-        const NotificationModel n(std::nullopt, shared ? "shared" : title, std::chrono::system_clock::now(),
-                                  shared ? std::to_string(j) : title, "tag", title, std::nullopt, std::nullopt, false,
-                                  j, NotificationStatus::new_,
-                                  shared ? NotificationKind::newApp : *fromRawValue<NotificationKind>(j % 5));
+        auto n = testing::notification(std::nullopt, shared ? "shared" : title,
+                                       shared ? NotificationKind::newApp : testing::storedKinds[j % 5],
+                                       shared ? std::to_string(j) : title, std::chrono::system_clock::now());
+        n.title = title;
+        n.appId = j;
         failures->logged.clear();
         if (j % 3 == 0) {
             store->save(n);

@@ -9,6 +9,7 @@
 
 #include <sqlite3.h>
 
+#include <condition_variable>
 #include <filesystem>
 #include <functional>
 #include <mutex>
@@ -24,6 +25,33 @@
 namespace notificationdb::testing {
 
 using Rows = std::vector<std::vector<std::string>>;
+
+// The stored forms, written here from the file's format: each case is stored as its position in
+// its list.
+inline constexpr NotificationStatus storedStatuses[] = {NotificationStatus::new_, NotificationStatus::shown,
+                                                        NotificationStatus::read};
+inline constexpr NotificationKind storedKinds[] = {NotificationKind::default_, NotificationKind::newApp,
+                                                   NotificationKind::appUpdate, NotificationKind::vantroUpdate,
+                                                   NotificationKind::ai};
+inline constexpr UserActionKind storedActions[] = {
+    UserActionKind::openCabinet,     UserActionKind::openApp,    UserActionKind::openCollection,
+    UserActionKind::openLink,        UserActionKind::openBlogArticle, UserActionKind::openVantro,
+    UserActionKind::refreshInstalledApps};
+
+// A notification of status new_ with these values and no optional ones.
+inline NotificationModel notification(std::optional<std::int64_t> id, std::optional<std::string> customer = "c",
+                                      NotificationKind kind = NotificationKind::default_, std::string version = "1",
+                                      Timestamp date = {}) {
+    return {id,           customer,     date,  std::move(version),        "tag", std::nullopt, std::nullopt,
+            std::nullopt, false,        std::nullopt, NotificationStatus::new_, kind};
+}
+
+// Bytes as SQL writes them: x'00FF'.
+inline std::string blobLiteral(const unsigned char* bytes, std::size_t size) {
+    std::string text = "x'";
+    for (std::size_t b = 0; b < size; ++b) text += {"0123456789ABCDEF"[bytes[b] >> 4], "0123456789ABCDEF"[bytes[b] & 15]};
+    return text + "'";
+}
 
 // A fresh directory below the system's temporary directory, removed with its contents.
 class TemporaryDirectory {
@@ -62,9 +90,36 @@ private:
     Logger::Destinations previous_;
 };
 
+// A notice center that counts its posts and keeps its observers. While `hang` is set a post waits
+// for `release`; after a post it runs `whenPosting`.
+struct TestCenter final : DistributedNotificationCenter {
+    void post(const std::string& /*name*/) override {
+        std::unique_lock lock(mutex);
+        ++posts;
+        changed.notify_all();
+        changed.wait(lock, [this] { return !hang; });
+        if (whenPosting) whenPosting();
+    }
+    std::unique_ptr<ObserverToken> addObserver(const std::string& name, Handler handler) override {
+        observed.emplace_back(name, std::move(handler));
+        return std::make_unique<ObserverToken>();
+    }
+    void release() {
+        std::lock_guard lock(mutex);
+        hang = false;
+        changed.notify_all();
+    }
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool hang = false;
+    int posts = 0;
+    std::function<void()> whenPosting;
+    std::vector<std::pair<std::string, Handler>> observed;
+};
+
 // The services a store under test is handed: a root logger "root" that keeps its messages, a
-// main queue that keeps the deadlines of the jobs scheduled on it and runs none, and a notice
-// center that drops its posts.
+// main queue that keeps the deadlines of the jobs scheduled on it and runs none, and a
+// `TestCenter`.
 class TestServices {
 public:
     NotificationDatabaseServices services() {
@@ -74,7 +129,7 @@ public:
                     scheduled_.emplace_back(deadline, std::move(job));
                     if (whenScheduled) whenScheduled();
                 },
-                center_};
+                center};
     }
     // The messages logged so far.
     std::vector<std::string> messages() const { return log_->messages(); }
@@ -93,15 +148,11 @@ public:
 
     // Called as each job is scheduled, on the thread that commits, as a host's scheduler may.
     std::function<void()> whenScheduled;
+    const std::shared_ptr<TestCenter> center = std::make_shared<TestCenter>();
 
 private:
-    struct SilentCenter final : DistributedNotificationCenter {
-        void post(const std::string& /*name*/) override {}
-        std::unique_ptr<ObserverToken> addObserver(const std::string&, Handler) override { return nullptr; }
-    };
     std::shared_ptr<CapturingLogDestination> log_ = std::make_shared<CapturingLogDestination>();
     std::shared_ptr<Logger> root_ = std::make_shared<Logger>("root", nullptr, Logger::Destinations{log_}, false);
-    std::shared_ptr<SilentCenter> center_ = std::make_shared<SilentCenter>();
     std::mutex mutex_;
     std::vector<std::pair<MainQueue::Clock::time_point, MainQueue::Job>> scheduled_;
 };
@@ -129,10 +180,7 @@ public:
                 if (sqlite3_column_type(statement, i) == SQLITE_NULL) {
                     row.emplace_back("NULL");
                 } else if (sqlite3_column_type(statement, i) == SQLITE_BLOB) {
-                    row.emplace_back("x'");
-                    for (std::size_t b = 0; b < size; ++b)
-                        row.back() += {"0123456789ABCDEF"[bytes[b] >> 4], "0123456789ABCDEF"[bytes[b] & 15]};
-                    row.back() += "'";
+                    row.push_back(blobLiteral(bytes, size));
                 } else {
                     row.emplace_back(reinterpret_cast<const char*>(sqlite3_column_text(statement, i)), size);
                 }
