@@ -137,8 +137,11 @@ bool Statement::step() {
     rowsThisRun_ = 0;
     if (journal_ != nullptr) journal_->statementEnded(connection_, rc);
     if (rc == SQLITE_DONE) return false;
-    // sqlite3_reset returns the same error and keeps the connection's message for it.
-    fail(rc);
+    // The error is taken first; the rewind then leaves the statement ready to be bound and run
+    // again, as after any run.
+    auto error = databaseError(connection_, rc, sql_);
+    rewind();
+    throw error;
 }
 
 void Statement::execute() {
