@@ -9,10 +9,9 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <future>
 #include <iostream>
-
-#include <fstream>
 #include <map>
 #include <set>
 #include <thread>
@@ -50,9 +49,8 @@ TEST(Process, WriterProcessesShareOneFile) {
     const int saves = scaled(200);
     std::vector<std::unique_ptr<ChildProcess>> children;
     for (int w = 0; w < writers; ++w) {
-        children.push_back(std::make_unique<ChildProcess>(
-            childProgram, std::vector<std::string>{file.string(), std::to_string(w), std::to_string(saves),
-                                                   (directory / "go").string()}));
+        children.push_back(std::make_unique<ChildProcess>(childProgram + " " + file.string() + " " + std::to_string(w) +
+                                                          " " + std::to_string(saves) + " " + (directory / "go").string()));
         ASSERT_EQ(children.back()->readLine(), "ready");
     }
     std::ofstream(directory / "go").put('\n');
@@ -130,7 +128,7 @@ TEST(Threads, ConcurrentSavesAndReadsOnOneStore) {
 // post loses no notice.
 TEST(Process, AStoppedBusDaemonStallsNoWrite) {
     testing::TemporaryDirectory directory;
-    ChildProcess daemon("/usr/bin/dbus-daemon", {"--session", "--nofork", "--print-address=1"});
+    ChildProcess daemon("dbus-daemon --session --nofork --print-address=1");
     const auto address = daemon.readLine();
     ASSERT_TRUE(address && !address->empty());
     ::setenv("DBUS_SESSION_BUS_ADDRESS", address->c_str(), 1);
@@ -166,7 +164,7 @@ TEST(Process, AStoppedBusDaemonStallsNoWrite) {
     // gets the notice out.
     std::ofstream(directory / "go").put('\n');
     ::setenv("NDB_CHILD_POSTS", "1", 1);
-    ChildProcess writer(childProgram, {(directory / "db.sqlite").string(), "0", "1", (directory / "go").string()});
+    ChildProcess writer(childProgram + " " + (directory / "db.sqlite").string() + " 0 1 " + (directory / "go").string());
     ::unsetenv("NDB_CHILD_POSTS");
     EXPECT_EQ(writer.wait(), 0);
     for (const auto deadline = Clock::now() + std::chrono::seconds(10); heard == 1 && Clock::now() < deadline;)

@@ -73,8 +73,11 @@ const std::vector<Row> rows = {
      0, {}, {"db.sqlite-wal"}},
     {"ndb count", "", "", "/share/Vantro/Default/Databases/NotificationDatabase.sqlite: No such file or directory\n",
      3, {}, {"share"}},
-    {"ndb path && ndb path --json", "",
-     "/share/Vantro/Default/Databases/NotificationDatabase.sqlite\n{\n  \"path\": \"", "", 0, {}, {"share"}},
+    // The user's data directory follows XDG_DATA_HOME when it is absolute, else HOME.
+    {R"(for x in "$PWD/share" '' relative; do XDG_DATA_HOME=$x ndb path; done | sed "s|$PWD|~|" && ndb path --json)", "",
+     "~/share/Vantro/Default/Databases/NotificationDatabase.sqlite\n~/.local/share/Vantro/Default/Databases/"
+     "NotificationDatabase.sqlite\n~/.local/share/Vantro/Default/Databases/NotificationDatabase.sqlite\n{\n  \"path\": \"",
+     "", 0, {}, {"share", ".local", "relative"}},
     // A WAL database without its -wal and -shm files reads, and stays as it was.
     {"seed && cp db.sqlite before && test ! -e db.sqlite-wal && db count && cmp db.sqlite before", "", "3\n", ""},
     // Reads answer, from the last commit, while another process holds a write transaction.

@@ -10,62 +10,35 @@
 
 #include "Testing.hpp"
 
-#include <cstdlib>
 #include <iostream>
 #include <thread>
 
 using namespace notificationdb;
 
-namespace {
-
-// Keeps the last failure the store logged.
-class Failures final : public LogDestination {
-public:
-    void write(std::string_view, LogLevel, std::string_view message) override { logged = std::string(message); }
-    std::string logged;
-};
-
-}  // namespace
-
 int main(int argc, char** argv) {
     if (argc != 5) return std::cerr << "usage: ndb_child_writer <database> <writer> <count> <go file>\n", 2;
-    // The store's failures go to `failures`; its notices are dropped.
-    auto failures = std::make_shared<Failures>();
-    std::vector<std::pair<MainQueue::Clock::time_point, MainQueue::Job>> jobs;
-    const bool posts = std::getenv("NDB_CHILD_POSTS") != nullptr;
-    const NotificationDatabaseServices services{
-        std::make_shared<Logger>("root", nullptr, Logger::Destinations{failures}, false),
-        [&jobs, posts](auto deadline, auto job) {
-            if (posts) jobs.emplace_back(deadline, std::move(job));
-        },
-        nullptr};
-    const std::string writer = argv[2];
+    testing::TestServices test;
+    auto services = test.services();
+    if (std::getenv("NDB_CHILD_POSTS") != nullptr) services.noticeCenter = nullptr;  // the session bus
     std::cout << "ready" << std::endl;
     while (!std::filesystem::exists(argv[4])) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     // Opened as all the others create the file.
     auto store = NotificationDatabaseImpl::create(
-        NotificationDatabaseConfig(
-            argv[1], Configuration{false, BusyMode::timeout(NotificationDatabaseConfig::busyTimeoutSeconds), false}),
-        services);
+        NotificationDatabaseConfig(argv[1], Configuration{false, BusyMode::timeout(2.0), false}), services);
     for (int j = 0; j < std::atoi(argv[3]); ++j) {
-        const std::string title = "w" + writer + "-" + std::to_string(j);
+        const std::string title = "w" + std::string(argv[2]) + "-" + std::to_string(j);
         const bool shared = j % 10 == 0;
         auto n = testing::notification(std::nullopt, shared ? "shared" : title,
                                        shared ? NotificationKind::newApp : testing::storedKinds[j % 5],
                                        shared ? std::to_string(j) : title, std::chrono::system_clock::now());
         n.title = title;
         n.appId = j;
-        failures->logged.clear();
-        if (j % 3 == 0) {
-            store->save(n);
-        } else {
-            store->save({n, NotificationButton(std::nullopt, title, "Open", true, std::nullopt, UserActionKind::openApp,
-                                               Bytes{0})});
-        }
-        if (!failures->logged.empty()) std::cout << "failed " << title << ' ' << failures->logged << '\n';
+        const NotificationButton button(std::nullopt, title, "Open", true, std::nullopt, UserActionKind::openApp, Bytes{0});
+        store->save(j % 3 == 0 ? NotificationModelInfo(n) : NotificationModelInfo(n, button));
+        for (const auto& failure : test.takeLog()) std::cout << "failed " << title << ' ' << failure.message << '\n';
     }
     std::cout << "done" << std::endl;
-    for (auto& [deadline, job] : jobs) {
+    for (auto& [deadline, job] : test.takeJobs()) {
         std::this_thread::sleep_until(deadline);
         job();
     }

@@ -203,48 +203,37 @@ private:
     sqlite3* db_ = nullptr;
 };
 
-// A child process with its standard output on a pipe; killed when it goes unless waited for.
+// A child process, started by the shell from `command`, with its standard output on a pipe;
+// killed when it goes unless waited for.
 class ChildProcess {
 public:
-    ChildProcess(const std::string& program, std::vector<std::string> arguments) {
-        int fds[2];
-        if (::pipe(fds) != 0 || (pid_ = ::fork()) < 0) throw std::runtime_error("cannot start " + program);
-        if (pid_ == 0) {
-            ::dup2(fds[1], STDOUT_FILENO);
-            std::vector<char*> argv{const_cast<char*>(program.c_str())};
-            for (auto& argument : arguments) argv.push_back(argument.data());
-            argv.push_back(nullptr);
-            ::execv(program.c_str(), argv.data());
-            ::_exit(127);
-        }
-        ::close(fds[1]);
-        output_ = ::fdopen(fds[0], "r");
-    }
+    // The shell says its process id, which the command then takes over.
+    explicit ChildProcess(const std::string& command)
+        : output_(::popen(("echo $$; exec " + command).c_str(), "r")), pid_(std::stoi(readLine().value_or("-1"))) {}
     ~ChildProcess() {
-        if (!reaped_) ::kill(pid_, SIGKILL), ::waitpid(pid_, nullptr, 0);
-        ::fclose(output_);
+        if (output_ != nullptr) kill(SIGKILL), wait();
     }
     // The next line of output without its line feed; nullopt at the end.
     std::optional<std::string> readLine() {
         char line[4096];
-        if (std::fgets(line, sizeof line, output_) == nullptr) return std::nullopt;
-        std::string text(line);
-        if (!text.empty() && text.back() == '\n') text.pop_back();
-        return text;
+        if (output_ == nullptr || std::fgets(line, sizeof line, output_) == nullptr) return std::nullopt;
+        const std::string text(line);
+        return text.ends_with('\n') ? text.substr(0, text.size() - 1) : text;
     }
-    void kill(int signal = SIGKILL) const { ::kill(pid_, signal); }
-    // The exit status, 128 + the signal for a killed child.
+    void kill(int signal = SIGKILL) const {
+        if (pid_ > 0) ::kill(pid_, signal);
+    }
+    // The exit status, 128 + the signal for a killed child; what it still writes is read and dropped.
     int wait() {
-        int status = 0;
-        ::waitpid(pid_, &status, 0);
-        reaped_ = true;
+        while (readLine()) {
+        }
+        const int status = ::pclose(std::exchange(output_, nullptr));
         return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
 
 private:
-    pid_t pid_ = -1;
-    bool reaped_ = false;
-    FILE* output_ = nullptr;
+    FILE* output_;
+    pid_t pid_;
 };
 
 // A whole number from the environment, or `fallback`.
