@@ -112,8 +112,6 @@ const std::vector<Case> failureCases = {
      "Unable to delete all notification with kind 2: " + unreadable},
     {badStatus, "cleanUp long after", cleanUpLongAfter, "", unread + unreadable},
     {{"kind 7", "UPDATE notification SET notificationKind = 7 WHERE id = 3"}, "fetch", fetch, "0 rows", unread + noKind},
-    {{"kind below zero", "UPDATE notification SET notificationKind = -1 WHERE id = 3"}, "fetch", fetch, "0 rows",
-     unread + noKind},
     {{"actionKind 9", "UPDATE notificationButton SET actionKind = 9 WHERE id = 1"}, "fetch", fetch, "0 rows",
      unread + R"(could not read column "actionKind" of "notificationButton": integer is no UserActionKind)"},
     {droppedColumn, "save", saveNew, "",
