@@ -59,7 +59,9 @@ TEST(Process, WriterProcessesShareOneFile) {
     std::thread reader([&] {
         std::shared_ptr<NotificationDatabaseImpl> store;
         const NotificationDatabaseConfig reading(file, Configuration{true, BusyMode::timeout(2.0), true});
-        while (!done && !(store = openExistingStore(reading))) std::this_thread::yield();
+        // Not before a writer has made the file a WAL database, so as not to stand in the way of that.
+        while (!done && !(std::filesystem::exists(file.string() + "-wal") && (store = openExistingStore(reading))))
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
         for (std::size_t seen = 0; store && !done;) {
             const auto list = store->fetchNotifications(std::nullopt);
             EXPECT_GE(list.size(), seen);
