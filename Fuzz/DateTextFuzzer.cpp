@@ -1,6 +1,5 @@
-// Fuzzes the date forms: bytes read as date text, exactly as the model of FuzzCheck.hpp reads
-// them; instants written as 23 characters that read back, for years 0000...9999 only; numbers
-// read as seconds since 1970.
+// Date forms: bytes read as date text as FuzzCheck.hpp's model reads them; instants of years 0000...9999
+// written as 23 characters that read back; numbers read as seconds since 1970.
 
 #include "FuzzCheck.hpp"
 
@@ -38,8 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::chrono::sys_time<nanoseconds> fine{nanoseconds(integer)};
     FUZZ_CHECK(Timestamp(fine).time_since_epoch() == std::chrono::floor<milliseconds>(fine.time_since_epoch()),
                "a clock reading did not floor to its millisecond");
-    // Seconds since 1970, floored to milliseconds (toward the past, also before 1970), inside
-    // the years; `slack` allows for the rounding of seconds * 1000 in double.
+    // Seconds since 1970 floor to milliseconds (also before 1970); `slack` allows for double rounding.
     for (const double value : {std::bit_cast<double>(integer), double(integer)}) {
         const auto date = dateFromSecondsSince1970(value);
         const long double exact = static_cast<long double>(value) * 1000.0L;

@@ -1,7 +1,6 @@
 #pragma once
 
-// Checks and models shared by the fuzz targets. A broken check prints what broke and aborts,
-// which libFuzzer reports as a crash, keeping the input; so does an exception that escapes.
+// Checks and models of the fuzz targets: a broken check prints and aborts, a crash libFuzzer keeps.
 
 #include <NotificationDatabase/RecordCoding/Timestamp.hpp>
 
@@ -13,8 +12,7 @@
 
 namespace notificationdb::fuzz {
 
-// Set when the committed seeds are replayed as a test, where each seed also declares what it must give
-// (a mutated input under libFuzzer need not keep its declaration true).
+// Set when the seeds replay as a test, where each seed's declaration must hold (not under libFuzzer).
 inline bool replaying = false;
 // The file being replayed.
 inline std::string replayedName;

@@ -1,8 +1,6 @@
-// Fuzzes the notificationdb tool's reading of JSON batches. Any input must give a batch or a
-// `JsonInputError`; a batch must hold what the JSON says, keep every record invariant, and come
-// back unchanged through JSON. The base64 coding of byte fields is checked on the raw input too. A
-// seed of the corpus named "refused-*" must be refused, and one named "refused-<table>.<field>.json"
-// for that field; every other seed must be taken.
+// The tool's reading of JSON batches: any input gives a batch or a `JsonInputError`; a batch holds
+// what the JSON says and comes back unchanged through JSON; base64 is checked on the raw input. A seed
+// named "refused-*" must be refused ("refused-<table>.<field>.json" naming that field), others taken.
 
 #include "FuzzCheck.hpp"
 #include "JsonCoding.hpp"
@@ -18,10 +16,9 @@ namespace {
 
 using namespace notificationdb;
 
-// The value a JSON value gives a field where its meaning is plain: null or a missing key is
-// absent; texts, integers and booleans stand for themselves; an enumeration is its raw value or
-// its case name in any letter case (nothing else); bytes are base64; a date is the stored text or a number of
-// seconds. Nullopt where it is not plain (other date forms, which the round trip checks).
+// The value a JSON value plainly gives a field: null or missing is absent, an enumeration is its raw
+// value or case name in any letter case, bytes are base64, a date is date text or seconds; nullopt
+// for what is not plain (other date forms, which the round trip checks).
 std::optional<FieldValue> plainValue(const FieldDescriptor& field, const nlohmann::json& json) {
     using Value = std::optional<FieldValue>;  // from an optional value too
     const auto raw = [](auto value) {
@@ -38,15 +35,13 @@ std::optional<FieldValue> plainValue(const FieldDescriptor& field, const nlohman
         if (field.name == "actionKind") return raw(fromCaseName<UserActionKind>(text));
         return raw(fromCaseName<NotificationKind>(text));
     }
-    if (field.type != FieldType::date) {
+    if (field.type != FieldType::date)
         return json.is_number_integer() ? FieldValue{json.get<std::int64_t>()} : FieldValue{};
-    }
     if (json.is_number()) return Value(dateFromSecondsSince1970(json.get<double>()));
     return json.is_string() ? Value(parseDateText(text)) : std::nullopt;
 }
 
-// A decoded record holds what its JSON object says, reads back the same from the tool's own JSON
-// (`again`), and the keyed coding gives it back unchanged.
+// A decoded record holds what its JSON says, and the tool's JSON (`again`) and keyed coding keep it.
 template <class Record>
 void checkRecord(const Record& record, const Record& again, const nlohmann::json& object, std::size_t entry) {
     const std::string where = "entry " + std::to_string(entry) + ": ";

@@ -1,11 +1,8 @@
-// Differential oracle of row decoding: tables of any shape, written by another program, are read
-// through the store's joined read and every field is checked against a model of the reading rules
-// (`expected`). Input: one column per line, "<source> <name> <type> <value>". Source: n (a column
-// of "notification") or b (one of "notificationButton"); type: null, int, real, text or blob;
-// value: the rest of the line. "nojoin" leaves the button table without a row; "notnull <name>"
-// declares that column of the button table NOT NULL. A seed of the corpus declares the outcome of
-// the joined read, "expect reads" or "expect <table>.<column>" of the first failing field, so that
-// a seed meant for one field cannot pass by failing at another.
+// Tables of any shape, written by another program, read through the store's joined read, every field
+// checked against a model of the reading rules (`expected`). One column per line: "<n|b> <name>
+// <null|int|real|text|blob> <value>" (n: "notification", b: "notificationButton"); "nojoin" leaves
+// the button table empty, "notnull <name>" makes that button column NOT NULL. A corpus seed declares
+// "expect reads" or "expect <table>.<column>" of the first failing field, and must give just that.
 
 #include "FuzzCheck.hpp"
 
@@ -93,8 +90,7 @@ void bindColumn(Statement& statement, int index, const Column& column) {
     statement.bind(index, std::span(reinterpret_cast<const std::uint8_t*>(value.data()), value.size()));
 }
 
-// Both tables made anew with the input's columns, without types (each value keeps the storage
-// class it is bound with), and one row each.
+// Both tables made anew with the input's untyped columns (values keep their storage class), one row each.
 void storeRow(const Input& input) {
     pool->write([&](Connection& connection) {
         for (int source : {buttonSource, notificationSource}) {
@@ -112,9 +108,8 @@ void storeRow(const Input& input) {
             auto insert = connection.cachedStatement("INSERT INTO " + quote(tables[source]) +
                                                      (values.empty() ? " DEFAULT VALUES" : " VALUES (" + values + ")"));
             int index = 1;
-            for (const Column& column : input.columns) {
+            for (const Column& column : input.columns)
                 if (column.source == source) bindColumn(*insert, index++, column);
-            }
             insert->execute();
         }
     });
@@ -124,11 +119,9 @@ void storeRow(const Input& input) {
 using View = std::pair<int, int>;
 
 // The model: field `i` of `Record` from `view`, nullopt when reading must fail. Missing or NULL is
-// absent (a required field fails). Other values take the field's type as SQLite converts them:
-// integers as sqlite3_column_int64 gives them (an enumeration's must name a case), booleans true
-// for any of those but 0, text as sqlite3_column_text, bytes as sqlite3_column_blob; a date comes
-// from date text or from a number of seconds since 1970, floored to the millisecond, in years
-// 0000...9999, and from nothing else.
+// absent; other values convert as SQLite converts them (an enumeration's integer must name a case,
+// a boolean is any integer but 0); a date is date text or seconds since 1970, floored to the
+// millisecond, in years 0000...9999.
 template <class Record>
 std::optional<FieldValue> expected(sqlite3_stmt* row, View view, std::size_t i) {
     using Value = std::optional<FieldValue>;
@@ -169,8 +162,7 @@ std::optional<FieldValue> expected(sqlite3_stmt* row, View view, std::size_t i) 
     return ms >= fuzz::earliest && ms < fuzz::latest ? Value(fuzz::at(std::int64_t(ms))) : std::nullopt;
 }
 
-// A record's values by the model, and the field a refusal must name (the first to fail, in field
-// order), empty when the record reads.
+// A record's values by the model, and the first field to fail (empty when it reads).
 template <class Record>
 struct Expected {
     RecordValues<Record> values;
@@ -195,8 +187,8 @@ void checkRecord(const Record& record, const Expected<Record>& model) {
 }
 
 void readRow(Connection& connection, const Input& input) {
-    // The store's joined read, every row with the one button row. The model reads a run of its
-    // own: reading a value as another type converts it in place.
+    // The store's joined read, every row with the one button row; the model reads a run of its own
+    // (reading a value as another type converts it in place).
     const std::string joined(joinedSelect), query = joined.substr(0, joined.find(" ON ")) + " ON 1";
     auto statement = connection.cachedStatement(query), modelRun = connection.cachedStatement(query + " ");
     FUZZ_CHECK(statement->step() && modelRun->step(), "the joined query gave no row");
@@ -234,16 +226,13 @@ void readRow(Connection& connection, const Input& input) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-    // Every input commits a write: a memory file system (TMPDIR, else /dev/shm) spares the disk.
-    const char* tmp = std::getenv("TMPDIR");
-    std::string pattern = tmp != nullptr ? tmp : access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
-    pattern += "/fuzz_record_row.XXXXXX";
+    // Every input commits a write: a memory file system spares the disk.
+    std::string pattern = access("/dev/shm", W_OK) == 0 ? "/dev/shm/fuzz_row.XXXXXX" : "/tmp/fuzz_row.XXXXXX";
     if (mkdtemp(pattern.data()) == nullptr) std::abort();
     directory = pattern;
     std::atexit([] {
-        pool.reset();
         std::error_code ignored;
-        std::filesystem::remove_all(directory, ignored);
+        pool.reset(), std::filesystem::remove_all(directory, ignored);
     });
     pool = std::make_unique<DatabasePool>(directory / "rows.sqlite", Configuration{});
     return 0;
@@ -255,8 +244,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     try {
         storeRow(input);
     } catch (const DatabaseError& error) {
-        // SQLite may refuse the tables (a name twice, say) or a NULL in a NOT NULL column: no such
-        // table or row can be read. A seed is meant to be read.
+        // Tables SQLite refuses (a name twice, a NULL in a NOT NULL column) cannot be read; seeds can.
         FUZZ_CHECK(!fuzz::replaying, std::string("the seed's tables cannot be made: ") + error.what());
         return 0;
     }

@@ -1,5 +1,4 @@
-// Replays fuzz inputs without libFuzzer through the target's entry point and checks: every file
-// named on the command line or found in a directory named there. A test in every build with tests.
+// Replays, without libFuzzer, the files named or found in the directories named: a test of every build.
 
 #include "FuzzCheck.hpp"
 
@@ -23,9 +22,8 @@ int main(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         if (!std::filesystem::is_directory(argv[i])) inputs.emplace_back(argv[i]);
         std::error_code notADirectory;  // then the loop has nothing to do
-        for (const auto& entry : std::filesystem::directory_iterator(argv[i], notADirectory)) {
+        for (const auto& entry : std::filesystem::directory_iterator(argv[i], notADirectory))
             if (entry.is_regular_file()) inputs.push_back(entry.path());
-        }
     }
     std::ranges::sort(inputs);
     for (const auto& input : inputs) {

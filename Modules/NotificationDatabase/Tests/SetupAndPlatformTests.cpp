@@ -1,5 +1,4 @@
-// Where the database lives and what a new one holds, and the platform services beneath the
-// store: the main queue and the session-bus notice without a bus.
+// Where the database lives, what a new one holds, and the platform services beneath the store.
 
 #include "Testing.hpp"
 
@@ -20,10 +19,9 @@ namespace {
 using namespace std::chrono_literals;
 using Rows = std::vector<std::vector<std::string>>;
 
-// The ready-made configurations name one file below the user's data directory (which the tool's
-// `path` rows follow through XDG_DATA_HOME and HOME), build its folder on first use (not the
-// file), and a store there gets exactly these tables in WAL mode. A file holding one table gets
-// the other.
+// The ready-made configurations name one file below the user's data directory (the tool's `path` row
+// follows XDG_DATA_HOME and HOME) and build its folder on first use; a new store there gets exactly
+// these tables in WAL mode, and a file holding one table gets the other.
 TEST(Setup, TheReadyMadeConfigurationsAndTheSchemaOfANewFile) {
     testing::TemporaryDirectory home;
     ::setenv("XDG_DATA_HOME", (home / "data").c_str(), 1);
@@ -63,7 +61,7 @@ TEST(Setup, TheReadyMadeConfigurationsAndTheSchemaOfANewFile) {
                R"("notification"("id") ON DELETE CASCADE, "actionKind" INTEGER, "userAction" BLOB))"},
               {"index", "notificationButton_on_notificationId",
                R"(CREATE INDEX "notificationButton_on_notificationId" ON "notificationButton"("notificationId"))"}}));
-    EXPECT_TRUE(services.takeDeadlines().empty()) << "creating the tables posted";
+    EXPECT_TRUE(services.takeJobs().empty()) << "creating the tables posted";
 
     const auto partial = home / "partial.sqlite";
     testing::RawDatabase(partial).execute("CREATE TABLE Notification (id INTEGER PRIMARY KEY, odd TEXT)");
@@ -76,29 +74,26 @@ TEST(Setup, TheReadyMadeConfigurationsAndTheSchemaOfANewFile) {
     EXPECT_EQ(NotificationDatabaseVersionNumber, 159.0);
 }
 
-// The enumerations as the file stores them: the raw value of each case is its position in the
-// stored lists. Strict construction knows exactly those values; the lenient ones fall back to
-// `new` (also for 0) and `default`; case names read in any letter case.
+// Raw values are positions in the stored lists; strict construction knows exactly those, the lenient
+// ones fall back to `new` and `default`; case names read in any letter case.
 TEST(Setup, EnumerationsAndTheirRawValues) {
     using S = NotificationStatus;
     using K = NotificationKind;
     using A = UserActionKind;
-    const auto& statuses = testing::storedStatuses;
-    const auto& kinds = testing::storedKinds;
-    const auto& actions = testing::storedActions;
+    using testing::storedStatuses, testing::storedKinds, testing::storedActions;
     const std::string actionNames[]{"openCabinet",     "openApp",    "openCollection",      "openLink",
-                                               "openBlogArticle", "openVantro", "refreshInstalledApps"};
+                                    "openBlogArticle", "openVantro", "refreshInstalledApps"};
     const auto at = [](const auto& cases, std::int64_t raw) {
         return raw >= 0 && raw < std::ssize(cases) ? std::optional(cases[std::size_t(raw)]) : std::nullopt;
     };
     for (std::int64_t raw = -5; raw <= 8; ++raw) {
-        EXPECT_EQ(fromRawValue<S>(raw), at(statuses, raw)) << raw;
-        EXPECT_EQ(fromRawValue<K>(raw), at(kinds, raw)) << raw;
-        EXPECT_EQ(fromRawValue<A>(raw), at(actions, raw)) << raw;
-        EXPECT_EQ(makeUserActionKind(raw), at(actions, raw)) << raw;
+        EXPECT_EQ(fromRawValue<S>(raw), at(storedStatuses, raw)) << raw;
+        EXPECT_EQ(fromRawValue<K>(raw), at(storedKinds, raw)) << raw;
+        EXPECT_EQ(fromRawValue<A>(raw), at(storedActions, raw)) << raw;
+        EXPECT_EQ(makeUserActionKind(raw), at(storedActions, raw)) << raw;
         EXPECT_EQ(makeNotificationStatus(raw), raw == 1 ? S::shown : raw == 2 ? S::read : S::new_) << raw;
-        EXPECT_EQ(makeNotificationKind(raw), at(kinds, raw).value_or(K::default_)) << raw;
-        if (const auto action = at(actions, raw)) {
+        EXPECT_EQ(makeNotificationKind(raw), at(storedKinds, raw).value_or(K::default_)) << raw;
+        if (const auto action = at(storedActions, raw)) {
             EXPECT_EQ(rawValue(*action), raw);
             EXPECT_EQ(fromCaseName<A>(actionNames[std::size_t(raw)]), action);
         }
@@ -108,10 +103,10 @@ TEST(Setup, EnumerationsAndTheirRawValues) {
     EXPECT_EQ(fromCaseName<S>("reads"), std::nullopt);
 }
 
-// Jobs run in deadline order, then in the order they were scheduled; `runFor` leaves what falls
-// due later, `stop` ends a drive, a throwing job is logged and the queue goes on, and an
-// installed scheduler takes the jobs scheduled after it.
-TEST(Platform, MainQueueRunsJobsInDeadlineOrder) {
+// Jobs run in deadline order, then scheduling order; `runFor` leaves later ones, `stop` ends a drive,
+// a throwing job is logged, an installed scheduler takes later jobs. An update observer runs its
+// handler on its queue, only while it lives.
+TEST(Platform, MainQueueRunsJobsInDeadlineOrderAndObserversOnlyWhileTheyLive) {
     testing::LogCapture log;
     MainQueue queue;
     std::string order;
@@ -129,6 +124,20 @@ TEST(Platform, MainQueueRunsJobsInDeadlineOrder) {
     const auto logged = log.take();
     ASSERT_EQ(logged.size(), 1U);
     EXPECT_EQ(logged[0].message, "Main queue job failed: broken job");
+
+    MainQueue observing;
+    auto center = std::make_shared<testing::TestCenter>();
+    int heard = 0;
+    auto observer = std::make_optional<DatabaseUpdateObserver>([&heard] { ++heard; }, center, observing);
+    ASSERT_EQ(center->observed.at(0).first, "databaseUpdatedNotification");
+    const auto deliver = [&] { center->observed[0].second(center->observed[0].first); };  // as the center does
+    deliver();
+    EXPECT_EQ(observing.runUntilIdle(), 1U) << "the handler did not wait for its queue";
+    deliver();
+    observer.reset();
+    observing.runUntilIdle();
+    EXPECT_EQ(heard, 1) << "a notice ran after its observer ended";
+
     int routed = 0;
     queue.setScheduler([&routed](auto, auto) { ++routed; });
     queue.asyncAfter(0ms, [] {});
@@ -136,8 +145,7 @@ TEST(Platform, MainQueueRunsJobsInDeadlineOrder) {
     EXPECT_EQ(queue.pendingCount(), 1U);
 }
 
-// Without a session bus, or with a name D-Bus cannot carry, a post is dropped and logged once,
-// and an observer is refused and logged.
+// Without a bus, or for a name D-Bus cannot carry, a post is dropped and an observer refused, logged.
 TEST(Platform, NoticesWithoutABusAreLoggedAndDropped) {
     testing::LogCapture log;
     ::setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
@@ -155,26 +163,9 @@ TEST(Platform, NoticesWithoutABusAreLoggedAndDropped) {
                                         "Unable to observe distributed notification databaseUpdatedNotification"}));
 }
 
-// An update observer on a queue of its own runs its handler there, and only while it lives.
-TEST(Platform, UpdateObserverRunsItsHandlerOnItsQueueWhileItLives) {
-    auto center = std::make_shared<testing::TestCenter>();
-    MainQueue queue;
-    int heard = 0;
-    auto observer = std::make_optional<DatabaseUpdateObserver>([&heard] { ++heard; }, center, queue);
-    ASSERT_EQ(center->observed.at(0).first, "databaseUpdatedNotification");
-    const auto deliver = [&] { center->observed[0].second(center->observed[0].first); };  // as the center does
-    deliver();
-    EXPECT_EQ(queue.runUntilIdle(), 1U) << "the handler did not wait for its queue";
-    deliver();
-    observer.reset();
-    queue.runUntilIdle();
-    EXPECT_EQ(heard, 1) << "a notice ran after its observer ended";
-}
-
-// A writer never waits for a post: while a center's post hangs, saves and deletions go on and
-// record their notices. A process about to exit posts the notices its stores scheduled at once,
-// and a center whose post writes to the store does not wait for itself; their jobs then post
-// nothing. A job that comes due before an earlier one posts the earlier notice first.
+// While a post hangs, writes go on and record their notices. Posting at exit sends the pending
+// notices at once (also when the post itself writes), and their jobs then post nothing. A job due
+// before an earlier one posts the earlier notice first.
 TEST(Platform, WritersNeverWaitForAPostAndNoticesGoOutOnce) {
     testing::TemporaryDirectory directory;
     testing::TestServices test;
@@ -184,8 +175,7 @@ TEST(Platform, WritersNeverWaitForAPostAndNoticesGoOutOnce) {
     auto store = NotificationDatabaseImpl::create(config, test.services());
     auto second = NotificationDatabaseImpl::create(config, test.services());
     using testing::notification;
-    // Runs `work`, which must finish: a wait for the hanging post never ends, so the test then
-    // says what waited and ends the process at once.
+    // Runs `work`, which must finish: a wait for the hanging post would never end, so say what waited.
     const auto mustFinish = [](auto&& work, const char* what) {
         auto done = std::async(std::launch::async, work);
         if (done.wait_for(20s) == std::future_status::ready) return;

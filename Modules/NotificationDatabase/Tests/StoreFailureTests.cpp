@@ -1,9 +1,7 @@
-// What each operation does when the database fails it: one table of fault × operation, with
-// the answer, the exact message, the rows that change (none, unless the operation's contract
-// keeps the work of statements that ran) and the notices. The faults are made the way other
-// programs and users make them: triggers that refuse, rows no record can be read from, a column
-// dropped, a read-only configuration, another writer holding the lock. A second table opens
-// stores on files that cannot serve.
+// What each operation does when the database fails it, fault × operation: the answer, the exact
+// message, the rows that change (none, unless the contract keeps the work of statements that ran) and
+// the notices. Faults are made as other programs make them: refusing triggers, unreadable rows,
+// dropped columns and tables, a read-only store, another writer's lock, a failing disk.
 
 #include "FaultyDisk.hpp"
 #include "Testing.hpp"
@@ -53,12 +51,12 @@ struct Case {
     std::string message;                    // empty: nothing logged
     std::vector<const char*> changes = {};  // SQL that turns the tables before into those after
     int notices = 0;
+    friend void PrintTo(const Case& c, std::ostream* out) { *out << c.fault.name << " x " << c.operation; }
 };
 
 const Operation count = [](auto& s) { return std::to_string(s.notificationsCount()); };
 const Operation fetch = [](auto& s) { return std::to_string(s.fetchNotifications(std::nullopt).size()) + " rows"; };
 const Operation saveNew = [](auto& s) { return s.save(entry(9, NotificationKind::ai, "9", 9)), ""; };
-const Operation saveStored = [](auto& s) { return s.save(entry(1, NotificationKind::ai, "9", 9)), ""; };
 const Operation deleteAll = [](auto& s) { return s.deleteAll(), ""; };
 const Operation hideButtons = [](auto& s) { return s.updateButtonVisibility({1, 2}, false), ""; };
 const Operation markRead = [](auto& s) { return s.updateStatus({1, 2}, NotificationStatus::read), ""; };
@@ -76,7 +74,6 @@ const Fault badStatus{"status 7", "UPDATE notification SET status = 7 WHERE id =
 const Fault refuseDeleting2{
     "a trigger refusing with FAIL to delete 2",
     "CREATE TRIGGER refuse BEFORE DELETE ON notification WHEN old.id = 2 BEGIN SELECT RAISE(FAIL, 'refused'); END"};
-const Fault droppedColumn{"a dropped column", "ALTER TABLE notification DROP COLUMN bannerUrl"};
 const Fault noNotifications{"a dropped notification table", "DROP TABLE notification"};
 const Fault noButtons{"a dropped button table", "DROP TABLE notificationButton"};
 const Fault readOnlyStore{"a read-only store", ""};
@@ -87,8 +84,6 @@ const char* const manyRows =
     "WITH RECURSIVE n(i) AS (SELECT 10 UNION ALL SELECT i + 1 FROM n WHERE i < 3000) INSERT INTO notification "
     "SELECT i, 'c', '2026-01-01 00:00:00.000', i, 't', NULL, hex(randomblob(500)), NULL, 0, NULL, 0, 0 FROM n";
 const std::string unreadable = R"(could not read column "status" of "notification": integer is no NotificationStatus)";
-const std::string noKind =
-    R"(could not read column "notificationKind" of "notification": integer is no NotificationKind)";
 const std::string refusedError = "SQLite error 19 (SQLITE_CONSTRAINT_TRIGGER): refused";
 const std::string readOnlyError = "SQLite error 8 (SQLITE_READONLY): attempt to write a readonly database";
 const std::string unsaved = "Unable to save wrapped notification: ";
@@ -101,8 +96,7 @@ const std::vector<Case> failureCases = {
     {badStatus, "fetch", fetch, "0 rows", unread + unreadable},
     {badStatus, "count", count, "3", ""},
     {badStatus, "containsNotification",
-     [](auto& s) { return std::to_string(s.containsNotification(NotificationKind::appUpdate, "c", {}, "2")); }, "0",
-     ""},
+     [](auto& s) { return std::to_string(s.containsNotification(NotificationKind::appUpdate, "c", {}, "2")); }, "0", ""},
     {badStatus, "containsVantro", [](auto& s) { return std::to_string(s.containsVantro("2")); }, "1", ""},
     {badStatus, "save a content duplicate",
      [](auto& s) { return s.save(entry(std::nullopt, NotificationKind::appUpdate, "2", std::nullopt)), ""; }, "",
@@ -111,10 +105,11 @@ const std::vector<Case> failureCases = {
      [](auto& s) { return s.deleteAllNotifications(NotificationKind::appUpdate), ""; }, "",
      "Unable to delete all notification with kind 2: " + unreadable},
     {badStatus, "cleanUp long after", cleanUpLongAfter, "", unread + unreadable},
-    {{"kind 7", "UPDATE notification SET notificationKind = 7 WHERE id = 3"}, "fetch", fetch, "0 rows", unread + noKind},
+    {{"kind 7", "UPDATE notification SET notificationKind = 7 WHERE id = 3"}, "fetch", fetch, "0 rows",
+     unread + R"(could not read column "notificationKind" of "notification": integer is no NotificationKind)"},
     {{"actionKind 9", "UPDATE notificationButton SET actionKind = 9 WHERE id = 1"}, "fetch", fetch, "0 rows",
      unread + R"(could not read column "actionKind" of "notificationButton": integer is no UserActionKind)"},
-    {droppedColumn, "save", saveNew, "",
+    {{"a dropped column", "ALTER TABLE notification DROP COLUMN bannerUrl"}, "save", saveNew, "",
      unsaved + "SQLite error 1 (SQLITE_ERROR): table notification has no column named bannerUrl"},
     {{"a trigger refusing a button", "CREATE TRIGGER refuse BEFORE INSERT ON notificationButton "
                                      "BEGIN SELECT RAISE(ABORT, 'refused'); END"}, "save", saveNew, "", unsaved + refusedError},
@@ -133,9 +128,8 @@ const std::vector<Case> failureCases = {
     {{"a trigger refusing after deleting", "CREATE TRIGGER refuse AFTER DELETE ON notification "
                                            "BEGIN SELECT RAISE(ABORT, 'refused'); END"},
      "deleteAll", deleteAll, "", "", {"DELETE FROM expected.notificationButton"}},
-    // Without a table: what reads it fails, the questions answer as for a failure, deletions (whose
-    // statements drop their failures) and hiding buttons go as far as the other table lets them.
-    // Without a child table SQLite empties "notification" in one step; the notice must still go.
+    // Without a table, reads fail and deletions (which drop their failures) go as far as the other
+    // table lets them; without the child table "notification" empties in one step, with its notice.
     {noNotifications, "count", count, "0", "Unable to fetch notifications count: " + noTable},
     {noNotifications, "fetch", fetch, "0 rows", unread + noTable},
     {noNotifications, "containsVantro", [](auto& s) { return std::to_string(s.containsVantro("9")); }, "1", ""},
@@ -156,16 +150,15 @@ const std::vector<Case> failureCases = {
     {noButtons, "updateButtonVisibility", hideButtons, "", ""},
     {noButtons, "delete", deleteSome, "", "", {"DELETE FROM expected.notification"}, 1},
     {noButtons, "deleteAll", deleteAll, "", "", {"DELETE FROM expected.notification"}, 1},
-    // A disk that fails under 3 MB of rows (the model's disk steps cover small writes): deleting
-    // them writes pages out before the commit, and the failing write ends the whole transaction,
-    // so the second DELETE must not run on its own. Nothing stays, and it says why.
+    // A disk failing under 3 MB of rows: pages spill before the commit and the failure ends the whole
+    // transaction, so the second DELETE must not run on its own.
     {{"a full disk under 3 MB of rows", manyRows, testing::FaultyDisk::write, SQLITE_FULL},
      "deleteAll", deleteAll, "", "Unable to reset notification database: SQLite error 13 (SQLITE_FULL): database or disk is full"},
     {{"a dying disk under 3 MB of rows", manyRows, testing::FaultyDisk::write, SQLITE_IOERR_WRITE},
      "deleteAll", deleteAll, "", "Unable to reset notification database: SQLite error 10 (SQLITE_IOERR_WRITE): disk I/O error"},
     // A read-only store reads, skips what it holds and drops what its contract drops, silently.
     {readOnlyStore, "save", saveNew, "", unsaved + readOnlyError},
-    {readOnlyStore, "save a stored id", saveStored, "", ""},
+    {readOnlyStore, "save a stored id", [](auto& s) { return s.save(entry(1, NotificationKind::ai, "9", 9)), ""; }, "", ""},
     {readOnlyStore, "updateStatus", [](auto& s) { return s.updateStatus({}, NotificationStatus::read), ""; }, "",
      "Unable to mark as read notification IDs: []: " + readOnlyError},
     {readOnlyStore, "updateButtonVisibility", hideButtons, "", ""},
@@ -190,10 +183,6 @@ const std::vector<Case> failureCases = {
 };
 // clang-format on
 
-void PrintTo(const Case& c, std::ostream* out) {
-    *out << c.operation << " after " << c.fault.name;
-}
-
 class StoreFailure : public ::testing::TestWithParam<Case> {};
 
 TEST_P(StoreFailure, GivesTheNeutralAnswerTheMessageAndOnlyTheChangesItKeeps) {
@@ -204,20 +193,17 @@ TEST_P(StoreFailure, GivesTheNeutralAnswerTheMessageAndOnlyTheChangesItKeeps) {
     const NotificationDatabaseConfig config(directory / "db.sqlite",
                                             Configuration{false, BusyMode::timeout(0.05), false});
     auto store = NotificationDatabaseImpl::create(config, services.services());
-    store->save(entry(1, NotificationKind::newApp, "1", 1));
-    store->save(entry(2, NotificationKind::appUpdate, "2", 2));
-    store->save(entry(3, NotificationKind::default_, "3", 3));
+    for (std::int64_t i = 1; i <= 3; ++i) store->save(entry(i, testing::storedKinds[i % 3], std::to_string(i), i));
     RawDatabase other(config.storageURL());
     const std::string fault = c.fault.sql, operation = c.operation;
-    const NotificationDatabaseConfig readOnly(config.storageURL(), Configuration{true, BusyMode::timeout(0.05), true});
     other.execute(fault);
-    if (c.fault.name == readOnlyStore.name || operation.starts_with("open read-only")) {
-        store = NotificationDatabaseImpl::create(readOnly, services.services());
-    } else if (operation.starts_with("open")) {
-        store = NotificationDatabaseImpl::create(config, services.services());
-    } else if (c.fault.name == writingScheduler.name) {
+    const bool readOnly = c.fault.name == readOnlyStore.name || operation.starts_with("open read-only");
+    if (readOnly || operation.starts_with("open"))
+        store = NotificationDatabaseImpl::create(
+            NotificationDatabaseConfig(config.storageURL(), Configuration{readOnly, BusyMode::timeout(0.05), readOnly}),
+            services.services());
+    if (c.fault.name == writingScheduler.name)
         services.whenScheduled = [&store] { store->save(entry(8, NotificationKind::ai, "8", {})); };
-    }
     // The tables as they must be afterwards: a copy made after the fault, changed as expected.
     other.execute("ATTACH ':memory:' AS expected");
     std::vector<std::string> tables{"notification", "notificationButton"};
@@ -225,7 +211,7 @@ TEST_P(StoreFailure, GivesTheNeutralAnswerTheMessageAndOnlyTheChangesItKeeps) {
     for (const auto& table : tables)
         other.execute("CREATE TABLE expected." + table + " AS SELECT * FROM main." + table);
     for (const char* change : c.changes) other.execute(change);
-    services.takeLog(), services.takeDeadlines();
+    services.takeLog(), services.takeJobs();
     auto& disk = testing::FaultyDisk::install();
     if (c.fault.diskError != SQLITE_OK) disk.failAt(c.fault.disk, 1, c.fault.diskError, true);
     EXPECT_EQ(c.run(*store), c.answer);
@@ -233,7 +219,7 @@ TEST_P(StoreFailure, GivesTheNeutralAnswerTheMessageAndOnlyTheChangesItKeeps) {
     std::vector<std::string> messages;
     for (const auto& logged : services.takeLog()) messages.push_back(logged.message);
     EXPECT_EQ(messages, c.message.empty() ? std::vector<std::string>{} : std::vector<std::string>{c.message});
-    EXPECT_EQ(int(services.takeDeadlines().size()), c.notices);
+    EXPECT_EQ(int(services.takeJobs().size()), c.notices);
     if (fault == "BEGIN IMMEDIATE") other.execute("COMMIT");
     for (const auto& table : tables) {
         const std::string main = "SELECT * FROM main." + table, expected = "SELECT * FROM expected." + table;
@@ -253,8 +239,7 @@ INSTANTIATE_TEST_SUITE_P(FaultsAndOperations, StoreFailure, ::testing::ValuesIn(
     return name;
 });
 
-// Opening: every file that cannot serve fails creation with the database's error, and nothing is
-// logged; a lock held by another writer does not keep a store from opening.
+// Every file that cannot serve fails creation with the database's error, and nothing is logged.
 TEST(StoreOpening, FailsWithTheDatabaseErrorOnFilesThatCannotServe) {
     testing::TemporaryDirectory directory;
     std::filesystem::create_directory(directory / "a directory");

@@ -1,10 +1,8 @@
-// The store and the updater against a reference model of what they must do: random operations on a
-// real file from a pool of values built to collide, while another program adds button rows, the
-// disk fails, the power goes, and the store is reopened. After every step the answer, the
-// notices scheduled, the log, the count, the list and the raw tables must be what the model says.
-// Every rule of the model must decide some step of every run (see `modelRules`). One run has a fresh
-// seed (NDB_TEST_SEED replays it; the seed is printed on failure), three have fixed ones;
-// NDB_MODEL_STEPS sets their length, NDB_SHOW_RULES=1 prints how often each rule decided.
+// The store and the updater against a reference model: random operations on a real file, values
+// built to collide, while another program adds buttons, the disk fails, the power goes and the store
+// reopens; after each step answers, notices, log, list and raw tables are what the model says. Every
+// rule in `modelRules` must decide a step of every run. One seed is fresh (printed on failure,
+// NDB_TEST_SEED replays it), three are fixed; NDB_MODEL_STEPS, NDB_SHOW_RULES=1 (rule counts).
 
 #include "FaultyDisk.hpp"
 #include "Testing.hpp"
@@ -32,13 +30,12 @@ using Infos = std::vector<NotificationModelInfo>;
 using testing::storedStatuses, testing::storedKinds, testing::storedActions;
 
 // The integer a case is stored as.
-template <class E>
-std::int64_t raw(E value) {
-    const auto position = [value](const auto& cases) { return std::ranges::find(cases, value) - std::begin(cases); };
-    if constexpr (std::is_same_v<E, NotificationStatus>) return position(storedStatuses);
-    else if constexpr (std::is_same_v<E, NotificationKind>) return position(storedKinds);
-    else return position(storedActions);
-}
+// clang-format off
+std::int64_t position(const auto& cases, auto value) { return std::ranges::find(cases, value) - std::begin(cases); }
+std::int64_t raw(NotificationStatus value) { return position(storedStatuses, value); }
+std::int64_t raw(NotificationKind value) { return position(storedKinds, value); }
+std::int64_t raw(UserActionKind value) { return position(storedActions, value); }
+// clang-format on
 
 std::string dateText(Timestamp date) {
     const auto day = floor<days>(date.sysTime());
@@ -101,8 +98,7 @@ struct Model {
     std::map<std::int64_t, NotificationModel> notifications;
     std::map<std::int64_t, NotificationButton> buttons;
     // The highest id each table ever had (AUTOINCREMENT): the next automatic id is one more.
-    std::int64_t notificationSequence = 0;
-    std::int64_t buttonSequence = 0;
+    std::int64_t notificationSequence = 0, buttonSequence = 0;
     std::vector<std::string> messages;
     int notices = 0;
     std::map<std::string, int> covered;  // how often each rule of `modelRules` decided a step
@@ -123,9 +119,8 @@ struct Model {
         const NotificationModel& n = info.notification;
         const auto fail = [&](std::string_view error) { log("Unable to save wrapped notification: ", error); };
         if (n.id() && notifications.contains(*n.id())) return cover("save: skipped, its id is stored");
-        // Kinds other than default_ are kept once per customer, version and app (any app when absent).
-        // A stored row that differs in one term of that key is what a lost term would wrongly match:
-        // each kind of near miss is a rule of its own.
+        // Kinds but default_ are kept once per customer, version and app (any app when absent); a row
+        // differing in one term is what a lost term would match, each a rule of its own.
         const NotificationModel* same = nullptr;
         std::vector<std::string> nearMisses;
         for (const auto& s : notifications | std::views::values) {
@@ -167,9 +162,8 @@ struct Model {
     // Deletes notifications with their buttons (the foreign key's cascade), then buttons by id.
     void remove(const NotificationIDs& ids, const NotificationIDs& buttonIDs) {
         NotificationIDs deleted;
-        for (auto id : ids) {
+        for (auto id : ids)
             if (notifications.erase(id) > 0) deleted.insert(id);
-        }
         if (!deleted.empty()) ++notices;
         std::erase_if(buttons, [&](const auto& e) {
             return buttonIDs.contains(e.first) ||
@@ -182,9 +176,8 @@ struct Model {
         for (const auto& [id, n] : notifications) {
             if (ids && !ids->contains(id)) continue;
             const auto before = result.size();
-            for (const auto& [buttonID, b] : buttons) {
+            for (const auto& [buttonID, b] : buttons)
                 if (b.notificationId == id) result.emplace_back(n, b);
-            }
             if (result.size() == before) result.emplace_back(n);
         }
         return result;
@@ -241,33 +234,21 @@ struct RecordingStore final : NotificationDatabaseProtocol {
     }
 };
 
-// The rules of the model that some step of every run must decide: each is a case where a store
-// that lost it would answer otherwise.
-const std::vector<std::string> modelRules = {"save: skipped, its id is stored",
-                                             "save: skipped, its key is stored",
-                                             "save: skipped, its key without customer",
-                                             "save: skipped, no app matches a stored app",
-                                             "save: stored beside another customer's key",
-                                             "save: stored beside another kind's key",
-                                             "save: stored beside another version's key",
-                                             "save: stored beside another app's key",
-                                             "save: default_ is never a duplicate",
-                                             "save: a button overwrites a stored one",
-                                             "prune: a notification exactly 30 days old",
-                                             "prune: a notification a millisecond younger",
-                                             "prune: a customer over 100",
-                                             "prune: no customer, over 100",
-                                             "prune: equal dates at the 100th",
-                                             "prune: no customer and the empty customer apart",
-                                             "containsVantro: true for other kinds alone",
-                                             "containsNotification: false beside another customer's row",
-                                             "containsNotification: false beside another kind's row",
-                                             "containsNotification: false beside another app's row",
-                                             "containsNotification: false beside another version's row",
-                                             "disk: a write done",
-                                             "disk: a failed write undone",
-                                             "power: a write kept",
-                                             "power: a failed write gone"};
+// The rules some step of every run must decide: each a case where a store that lost it answers otherwise.
+// clang-format off
+const std::vector<std::string> modelRules = {
+    "save: skipped, its id is stored", "save: skipped, its key is stored", "save: skipped, its key without customer",
+    "save: skipped, no app matches a stored app", "save: stored beside another customer's key",
+    "save: stored beside another kind's key", "save: stored beside another version's key",
+    "save: stored beside another app's key", "save: default_ is never a duplicate",
+    "save: a button overwrites a stored one", "prune: a notification exactly 30 days old",
+    "prune: a notification a millisecond younger", "prune: a customer over 100", "prune: no customer, over 100",
+    "prune: equal dates at the 100th", "prune: no customer and the empty customer apart",
+    "containsVantro: true for other kinds alone", "containsNotification: false beside another customer's row",
+    "containsNotification: false beside another kind's row", "containsNotification: false beside another app's row",
+    "containsNotification: false beside another version's row", "disk: a write done", "disk: a failed write undone",
+    "power: a write kept", "power: a failed write gone"};
+// clang-format on
 
 // The parameter is a fixed seed, or 0 for a fresh one.
 class StoreModel : public ::testing::TestWithParam<std::uint64_t> {
@@ -285,10 +266,8 @@ protected:
     Timestamp now = parseDateText("2026-11-01 12:00:00.000").value();
     NotificationUpdaterImpl updater{store, [this] { return now; }};
     Model model;
-    std::optional<testing::RawDatabase> other;  // another program's connection
+    std::optional<testing::RawDatabase> other{config.storageURL()};  // another program's connection
     std::int64_t nextBurstID = 1000;
-
-    void SetUp() override { other.emplace(config.storageURL()); }
 
     const std::vector<Text> texts{std::nullopt,           "",         "Hello",
                                   std::string("a\0b", 3), "\xff\xfe", "'; DROP TABLE notification; --"};
@@ -306,8 +285,7 @@ protected:
         return *std::next(std::begin(values), std::ptrdiff_t(pick(std::size(values))));
     }
 
-    // Half the time the index of the least decided of `rules`, else one at random: rules that few
-    // states can decide still come up in every run.
+    // Half the time the index of the least decided of `rules`, else a random one: rare rules still come up.
     std::size_t steer(const std::vector<std::string>& rules) {
         if (chance(0.5)) return pick(rules.size());
         return std::size_t(std::ranges::min_element(rules, {}, [&](const auto& rule) { return model.covered[rule]; }) -
@@ -317,12 +295,11 @@ protected:
     ID someID() { return chance(0.4) ? ID() : pick<std::int64_t>({-2, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10}); }
     Timestamp someDate() {
         if (chance(0.3)) return now - days(30) + pick<milliseconds>({0ms, 1ms});  // at the age limit
-        const Timestamp dates[] = {
-            now - days(40), now + days(1), sys_days(1969y / 12 / 31) + 86'399'999ms, sys_days(0y / 1 / 1),
-            sys_days(9999y / 12 / 31) + 86'399'999ms, Timestamp(now.sysTime() - 1h + 400us),
-            // Beyond the years the file holds.
-            sys_days(10000y / 1 / 1), now - minutes(pick(5000)),
-            now - minutes(pick(5000))};
+        const Timestamp dates[] = {now - days(40), now + days(1), sys_days(1969y / 12 / 31) + 86'399'999ms,
+                                   sys_days(0y / 1 / 1), sys_days(9999y / 12 / 31) + 86'399'999ms,
+                                   Timestamp(now.sysTime() - 1h + 400us),
+                                   // Beyond the years the file holds.
+                                   sys_days(10000y / 1 / 1), now - minutes(pick(5000)), now - minutes(pick(5000))};
         return dates[pick(std::size(dates))];
     }
     NotificationModelInfo someInfo() {
@@ -331,12 +308,10 @@ protected:
         ID app = pick<ID>({std::nullopt, 0, 7, -1});
         NotificationKind kind = any(storedKinds);
         ID id = someID();
-        // Mostly the content key of a stored notification (one without customer half the time), as it
-        // is or with one term changed.
+        // Mostly a stored content key (without customer half the time), as it is or with one term changed.
         std::vector<const NotificationModel*> keys[2];
-        for (const auto& s : model.notifications | std::views::values) {
+        for (const auto& s : model.notifications | std::views::values)
             if (s.notificationKind != NotificationKind::default_) keys[s.customerId().has_value()].push_back(&s);
-        }
         const bool withCustomer = keys[0].empty() || steer({"save: skipped, its key without customer",
                                                             "save: skipped, its key is stored"}) == 1;
         if (auto& from = keys[withCustomer && !keys[1].empty()]; !from.empty() && chance(0.75)) {
@@ -366,8 +341,7 @@ protected:
         return ids;
     }
 
-    // A write of one transaction, `which` of six, made on the store and on `on` as the model says
-    // it goes: its description, and the text its failure is logged with before the error.
+    // Write `which` of six, on the store and on `on`: its description, and its failure's message prefix.
     struct Write {
         std::string what, failure;
     };
@@ -383,12 +357,10 @@ protected:
                 const auto status = any(storedStatuses);
                 const std::string failure = "Unable to mark as read notification IDs: " + idList(ids) + ": ";
                 chance(0.5) ? store->store->updateStatus(ids, status) : updater.updateStatus(ids, status);
-                if (std::ranges::any_of(ids, [&](auto id) { return on.notifications.contains(id); })) {
-                    for (auto& [id, n] : on.notifications) {
-                        if (ids.contains(id)) n.status = status;
-                    }
-                    ++on.notices;
-                }
+                bool changed = false;
+                for (auto& [id, n] : on.notifications)
+                    if (ids.contains(id)) n.status = status, changed = true;
+                on.notices += changed;
                 return {"updateStatus " + idList(ids), failure};
             }
             case 2: {
@@ -398,9 +370,8 @@ protected:
                     "Unable to change button visibility for notification IDs: " + idList(ids) + ": ";
                 chance(0.5) ? store->store->updateButtonVisibility(ids, visible)
                             : updater.updateButtonVisibility(ids, visible);
-                for (auto& [id, b] : on.buttons) {
+                for (auto& [id, b] : on.buttons)
                     if (b.notificationId && ids.contains(*b.notificationId)) b.visible = visible;
-                }
                 return {"updateButtonVisibility " + idList(ids), failure};
             }
             case 3: {
@@ -426,9 +397,8 @@ protected:
                 store->store->deleteAllNotifications(kind);
                 const auto what = "delete all notification with kind " + stored(kind);
                 NotificationIDs ids;
-                for (const auto& [id, n] : on.notifications) {
+                for (const auto& [id, n] : on.notifications)
                     if (n.notificationKind == kind) ids.insert(id);
-                }
                 on.remove(ids, {});
                 return {what, "Unable to " + what + ": "};
             }
@@ -443,9 +413,8 @@ protected:
         }
     }
 
-    // A write of one transaction while the disk fails at one of its next calls, or dies, and with
-    // `power`, the power goes right after it. It either fails with its own message and leaves
-    // the tables as they were, or completes; after a power cut no write it reported is lost.
+    // A write while the disk fails at one of its next calls or dies, with `power` a power cut after it:
+    // it fails with its message leaving the tables as they were, or completes, and stays completed.
     std::string failingWrite(bool power) {
         using Disk = testing::FaultyDisk;
         const auto call = power ? pick({Disk::write, Disk::sync}) : pick({Disk::write, Disk::sync, Disk::truncate});
@@ -470,9 +439,7 @@ protected:
             model.cover(power ? "power: a failed write gone" : "disk: a failed write undone");
         }
         EXPECT_EQ(other->query("PRAGMA integrity_check"), Rows{{"ok"}});
-        // A commit whose sync failed left frames in the log that a later sync can make durable, so
-        // that a crash may still bring it back (as with any disk whose sync fails); a clean restart,
-        // which empties the log, settles it.
+        // A failed sync leaves frames in the log that a later sync may make durable; a restart settles it.
         if (!power && call == Disk::sync) closeAndOpen([] {});
         return std::string(power ? "the power goes after " : "the disk fails during ") + write.what;
     }
@@ -495,23 +462,22 @@ protected:
             case 1: {
                 Infos batch;
                 for (std::size_t i = pick(5); i > 0; --i) batch.push_back(someInfo());
-                // Or a burst for two customers (status new_, kind default_), twenty to each date so that
-                // equal dates meet the limit, each with an id of its own (pairs without id are all equal).
-                // The first has none, and over 100 notifications when that rule has come up less.
+                // Or bursts for two customers, twenty per date so that equal dates meet the limit, with ids
+                // (pairs without id are all equal); the first without customer, over 100 when steered.
                 for (int group = chance(0.5) ? 2 : 0; group > 0; --group) {
                     const bool over = group == 2 && steer({"prune: no customer and the empty customer apart",
                                                            "prune: no customer, over 100"}) == 1;
                     const auto customer = over ? Text() : group == 2 ? pick<Text>({std::nullopt, ""}) : any(customers);
                     for (std::size_t i = over ? 101 + pick(20) : 30 + pick(91); i > 0; --i)
-                        batch.push_back(testing::notification(nextBurstID++, customer, {}, "1.0", now - minutes(i / 20)));
+                        batch.push_back(
+                            testing::notification(nextBurstID++, customer, {}, "1.0", now - minutes(i / 20)));
                 }
                 updater.receive(batch);
                 if (batch.empty()) {
                     EXPECT_TRUE(store->calls.empty()) << "an empty batch reached the store";
                     return "receive nothing";
                 }
-                // The batch as a set: one entry per notification id (absent counting as one id), the
-                // first of the list, saved in the order the set yields them.
+                // The batch as a set: the first entry per notification id (absent is one id), in set order.
                 const NotificationModelInfoSet distinct(batch.begin(), batch.end());
                 std::map<ID, NotificationModelInfo> first;
                 for (const auto& info : batch) first.emplace(info.notification.id(), info);
@@ -535,8 +501,7 @@ protected:
             case 7:
                 return someWrite(kind - 3, model).what;
             case 8:
-                if (!chance(0.3)) return "nothing";
-                return someWrite(5, model).what;
+                return chance(0.3) ? someWrite(5, model).what : "nothing";
             case 9:
                 for (int question = 0; question < 3; ++question) {
                     const auto version = any(versions);
@@ -622,10 +587,6 @@ protected:
                tableRows("notificationButton") == rowsOf(state.buttons);
     }
 
-    std::string sequence(const std::string& table) const {
-        return other->query("SELECT ifnull((SELECT seq FROM sqlite_sequence WHERE name = '" + table + "'), 0)")[0][0];
-    }
-
     static void expectList(const Infos& actual, const Infos& expected) {
         const auto date = [](const NotificationModelInfo& info) { return info.notification.createdDate; };
         EXPECT_TRUE(std::ranges::is_sorted(actual, std::greater<>(), date)) << "not newest first";
@@ -635,9 +596,9 @@ protected:
     // Compares everything observable after a step that began at `began`.
     void verify(MainQueue::Clock::time_point began) {
         const auto ended = MainQueue::Clock::now();
-        const auto deadlines = services.takeDeadlines();
-        EXPECT_EQ(int(deadlines.size()), std::exchange(model.notices, 0)) << "notices scheduled";
-        for (const auto deadline : deadlines)
+        const auto jobs = services.takeJobs();
+        EXPECT_EQ(int(jobs.size()), std::exchange(model.notices, 0)) << "notices scheduled";
+        for (const auto& [deadline, job] : jobs)
             EXPECT_TRUE(deadline >= began + 1s && deadline <= ended + 1s) << "a notice not due 1.0 s after its commit";
         EXPECT_EQ(store->store->notificationsCount(), std::ssize(model.notifications));
         std::vector<std::string> messages;
@@ -649,8 +610,10 @@ protected:
 
         EXPECT_EQ(tableRows("notification"), rowsOf(model.notifications)) << "notification";
         EXPECT_EQ(tableRows("notificationButton"), rowsOf(model.buttons)) << "notificationButton";
-        EXPECT_EQ(sequence("notification"), std::to_string(model.notificationSequence));
-        EXPECT_EQ(sequence("notificationButton"), std::to_string(model.buttonSequence));
+        EXPECT_EQ(
+            other->query("SELECT ifnull(max(CASE name WHEN 'notification' THEN seq END), 0), ifnull(max(CASE name "
+                         "WHEN 'notificationButton' THEN seq END), 0) FROM sqlite_sequence"),
+            (Rows{{std::to_string(model.notificationSequence), std::to_string(model.buttonSequence)}}));
         expectList(store->store->fetchNotifications(std::nullopt), model.list());
         EXPECT_TRUE(services.takeLog().empty()) << "a read after the step logged";
     }

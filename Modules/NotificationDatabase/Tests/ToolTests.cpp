@@ -1,9 +1,7 @@
-// The notificationdb tool as people run it. Each row is a bash command line, run on a private
-// D-Bus session bus in a fresh directory that is also HOME, after the prelude below. A row gives
-// standard input, a fragment of standard output and one of standard error (empty: nothing may be
-// written there), the exit status, and files that must and must not exist afterwards (a row
-// states that a file is unchanged with cmp). Every line on standard error, in every row, is in
-// the tool's style.
+// The notificationdb tool as people run it: each row is a bash line run after the prelude below, on a
+// private session bus, in a fresh directory that is also HOME. It gives standard input, fragments of
+// standard output and error (empty: none at all), the exit status, and files that must and must not
+// exist afterwards. Every line on standard error is in the tool's style.
 
 #include "Testing.hpp"
 
@@ -26,8 +24,7 @@ sql() { sqlite3 db.sqlite "$@"; }
 scribble() { dd if=/dev/zero of=db.sqlite bs=4096 seek=1 count=1 conv=notrunc status=none; }  # page 2: "notification"
 )";
 
-// Dated in 2099, so that the pruning after each receive keeps them: as RFC 3339 text in UTC,
-// as seconds since 1970 (2099-01-01 00:00:00) and as RFC 3339 text with an offset.
+// Dated in 2099, which the pruning keeps: RFC 3339 in UTC, seconds since 1970, RFC 3339 with an offset.
 const std::string sample = R"([
  {"notification": {"id": 7, "customerId": "c-1", "createdDate": "2099-01-02T03:04:05.678Z", "version": "2.1",
    "analyticsTag": "t", "title": "New app", "isMarketing": true, "appId": 42, "status": "read",
@@ -58,8 +55,7 @@ const std::vector<Row> rows = {
      "notificationdb: cannot open nope/sub/typo.sqlite: No such file or directory\n", 3, {}, {"nope"}},
     {"for c in list count 'contains-version 1' 'contains --kind ai --customer c' check; do db $c; echo $?; done", "",
      "3\n3\n3\n3\n3\n", "notificationdb: cannot open db.sqlite: No such file or directory\n", 0, {}, {"db.sqlite"}},
-    // Nor does writing, unless asked: a mistyped path is an error; --create makes file and folders,
-    // also for a read; the user's own database is made by the first write.
+    // Nor does writing unless asked (--create, also for a read); the user's own database is made by a write.
     {"for c in 'receive sample.json' cleanup 'mark --status read 7' 'delete 7' 'reset --yes'; do ndb --database nope/db.sqlite $c; echo $?; done",
      "", "3\n3\n3\n3\n3\n", "notificationdb: cannot open nope/db.sqlite: No such file or directory; --create makes a new "
      "database there\n", 0, {}, {"nope"}},
@@ -87,8 +83,7 @@ const std::vector<Row> rows = {
     {"db --create receive sample.json", "", "received 3 entries; stored notifications: 0 before, 3 after\n", "", 0,
      {"db.sqlite"}},
 
-    // A failure is never an answer. On a damaged page every command fails with status 4 and prints
-    // nothing; a table of an older shape counts but does not list.
+    // A failure is never an answer: a damaged page fails every command; an older table counts, does not list.
     {"seed && scribble && for c in list 'list --json' count 'contains-version nope' 'contains --kind ai --customer c-1' "
      "'receive sample.json' cleanup 'mark --status read 7' 'buttons --hide 7' 'delete 7' 'delete-kind newApp' "
      "'reset --yes'; do db $c >out; echo $? $(wc -c <out); done", "", "4 0\n4 0\n4 0\n4 0\n4 0\n4 0\n4 0\n4 0\n4 0\n4 0\n4 0\n4 0\n",
@@ -125,12 +120,10 @@ const std::vector<Row> rows = {
     // Answers as JSON; false is status 1.
     {"seed && db count --json && db contains --kind NEWAPP --customer c-1 --json && db contains-version 9 --json", "",
      "{\n  \"count\": 3\n}\n{\n  \"contains\": true\n}\n{\n  \"contains\": false\n}\n", "", 1},
-    // reset asks on a terminal (its echo and prompt come in either order) and takes no for an
-    // answer; without a terminal it goes ahead.
+    // reset asks on a terminal (echo and prompt in either order), takes no for an answer, else goes ahead.
     {R"sh(seed && script -qec "$NDB_TOOL --database db.sqlite reset" /dev/null; echo " status=$? $(db count)"; db reset; db count)sh",
      "n\n", "reset not confirmed; nothing deleted\r\n status=1 3\n3 notifications and 1 button deleted\n0\n", ""},
-    // The writing commands change what they name and say so; ids not stored make the status 1.
-    // The changes are in the file itself when they exit, not left in its WAL.
+    // Writes change what they name and say so (ids not stored: status 1), in the file itself, not its WAL.
     {R"(seed && db cleanup && db mark --status shown 7,8 && db buttons --hide 7 8 && db delete 8 && db delete-kind default &&
         sql "SELECT id, status FROM notification; SELECT visible FROM notificationButton"; db mark --status read 7,9 10; db delete 7 99; echo $?)",
      "", "stored notifications: 3 before, 3 after\n2 marked shown\n1 hidden, 1 without a button\n1 deleted\n1 deleted\n7|1\n0\n"
@@ -153,8 +146,7 @@ const std::vector<Row> rows = {
      "'--limit 2' '--customer c-1 --status new --kind vantroUpdate'; do db list --json $f | grep -c '\"notification\": {'; done",
      "", "0\n2\n1\n1\n2\n2\n1\n", ""},
 
-    // check reads without changing anything: a sound file (with a customer over the limit, all
-    // 30 days old) is sound; each damage is named; a scribbled page shows in the JSON.
+    // check changes nothing: a sound file (one customer over the limit) is sound; each damage is named.
     {R"(seed && sql "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 101) INSERT INTO notification
         (customerId, createdDate, version, analyticsTag, isMarketing, status, notificationKind)
         SELECT 'c-2', '2000-01-01 00:00:0' || (i % 10), i, 't', 0, 0, 0 FROM n" && cp db.sqlite before && db check && cmp db.sqlite before)",
@@ -172,8 +164,7 @@ const std::vector<Row> rows = {
      "is not stored\nnotifications with more than one button: 1\n  notification 7 has buttons 1, 2\n", "", 1},
     {"seed && scribble && db check --json", "", "\"sound\": false,\n  \"problems\": [\n    \"integrity\",", "", 1},
 
-    // Help that ships: the manual page renders, the completion completes, each command's help
-    // shows the global options once.
+    // Help that ships: the manual page renders, the completion completes, help shows global options once.
     {R"(MANWIDTH=80 man --warnings -l "$NDB_DOCS/notificationdb.1" | grep -x '       delete-kind KIND'
         source "$NDB_DOCS/notificationdb.bash-completion"
         try() { COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _notificationdb; echo "${COMPREPLY[*]}"; }
@@ -201,7 +192,6 @@ std::string readFile(const fs::path& path) {
     return text.str();
 }
 
-// Parameterised by the row's index, which names the test.
 class ToolRow : public ::testing::TestWithParam<std::size_t> {};
 
 TEST_P(ToolRow, RunsAsStated) {

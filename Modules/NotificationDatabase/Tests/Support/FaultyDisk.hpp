@@ -1,10 +1,8 @@
 #pragma once
 
-// A disk that fails when told to, the way SQLite tests itself: a VFS over the default one that
-// fails the n-th write, sync or truncate from now on (that call alone, or every write, sync and
-// truncate from it on, as a dead disk does) with an I/O error or "disk full", and that loses, as a
-// power cut does, what was written to each file since its last sync. Installed as the default VFS
-// of the process, it serves every connection opened afterwards.
+// A disk that fails when told to, as SQLite tests itself: the process's default VFS from its install
+// on, failing the n-th write, sync or truncate (alone, or with every one after it, as a dead disk)
+// with an I/O error or "disk full", and losing in a power cut what each file got since its last sync.
 
 #include <sqlite3.h>
 
@@ -47,8 +45,7 @@ public:
     }
 
 private:
-    // What follows the real file in the space SQLite gives each open file: the real file's methods,
-    // with writes, syncs and truncates going through `call`.
+    // Follows the real file in each open file's space: its methods, writes, syncs and truncates via `call`.
     struct File {
         sqlite3_io_methods methods;
         const sqlite3_io_methods* real;
@@ -63,7 +60,8 @@ private:
             FaultyDisk& disk = install();
             const int rc = disk.real_->xOpen(disk.real_, name, f, flags, out);
             if (rc != SQLITE_OK) return rc;
-            File& file = *new (reinterpret_cast<char*>(f) + disk.offset_) File{*f->pMethods, f->pMethods, name ? name : ""};
+            File& file =
+                *new (reinterpret_cast<char*>(f) + disk.offset_) File{*f->pMethods, f->pMethods, name ? name : ""};
             file.methods.xClose = [](sqlite3_file* f) {
                 const sqlite3_io_methods* real = of(f).real;
                 of(f).~File();
@@ -90,10 +88,11 @@ private:
         sqlite3_vfs_register(&vfs_, 1);
     }
 
-    static File& of(sqlite3_file* f) { return *reinterpret_cast<File*>(reinterpret_cast<char*>(f) + install().offset_); }
+    static File& of(sqlite3_file* f) {
+        return *reinterpret_cast<File*>(reinterpret_cast<char*>(f) + install().offset_);
+    }
 
-    // Runs `real` unless the disk fails this call. A write or truncate first keeps the whole file
-    // as its last sync left it (the files are small); a sync that succeeds forgets that copy.
+    // Runs `real` unless this call fails; a write or truncate first copies the file as last synced.
     template <class Real>
     static int call(sqlite3_file* f, Call kind, Real real) {
         FaultyDisk& disk = install();
@@ -121,10 +120,8 @@ private:
     int offset_ = 0;  // of our part of each file, after the real file
     std::mutex mutex_;
     Call call_ = write;
-    int countdown_ = 0;
-    int code_ = SQLITE_OK;
-    bool dead_ = false;
-    bool failing_ = false;
+    int countdown_ = 0, code_ = SQLITE_OK;
+    bool dead_ = false, failing_ = false;
     std::map<std::string, std::string> synced_;
 };
 

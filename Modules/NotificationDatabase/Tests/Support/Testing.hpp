@@ -1,8 +1,7 @@
 #pragma once
 
-// What the tests share: scratch directories, the services of a store under test, log capture, a
-// plain sqlite3 connection as another program would open the file, and child processes. Free of GoogleTest,
-// so that the child programs can use it too.
+// What the tests share: scratch directories, a store's test services, log capture, a plain sqlite3
+// connection as another program opens the file, child processes. Free of GoogleTest, for the children.
 
 #include <NotificationDatabase/NotificationDatabase.hpp>
 #include <NotificationDatabase/Platform/MainQueue.hpp>
@@ -26,30 +25,30 @@ namespace notificationdb::testing {
 
 using Rows = std::vector<std::vector<std::string>>;
 
-// The stored forms, written here from the file's format: each case is stored as its position in
-// its list.
+// The stored forms, from the file's format: each case is stored as its position in its list.
 inline constexpr NotificationStatus storedStatuses[] = {NotificationStatus::new_, NotificationStatus::shown,
                                                         NotificationStatus::read};
 inline constexpr NotificationKind storedKinds[] = {NotificationKind::default_, NotificationKind::newApp,
                                                    NotificationKind::appUpdate, NotificationKind::vantroUpdate,
                                                    NotificationKind::ai};
-inline constexpr UserActionKind storedActions[] = {
-    UserActionKind::openCabinet,     UserActionKind::openApp,    UserActionKind::openCollection,
-    UserActionKind::openLink,        UserActionKind::openBlogArticle, UserActionKind::openVantro,
-    UserActionKind::refreshInstalledApps};
+inline constexpr UserActionKind storedActions[] = {UserActionKind::openCabinet,         UserActionKind::openApp,
+                                                   UserActionKind::openCollection,      UserActionKind::openLink,
+                                                   UserActionKind::openBlogArticle,     UserActionKind::openVantro,
+                                                   UserActionKind::refreshInstalledApps};
 
 // A notification of status new_ with these values and no optional ones.
 inline NotificationModel notification(std::optional<std::int64_t> id, std::optional<std::string> customer = "c",
                                       NotificationKind kind = NotificationKind::default_, std::string version = "1",
                                       Timestamp date = {}) {
-    return {id,           customer,     date,  std::move(version),        "tag", std::nullopt, std::nullopt,
-            std::nullopt, false,        std::nullopt, NotificationStatus::new_, kind};
+    return {id,           customer, date,         std::move(version),       "tag", std::nullopt, std::nullopt,
+            std::nullopt, false,    std::nullopt, NotificationStatus::new_, kind};
 }
 
 // Bytes as SQL writes them: x'00FF'.
 inline std::string blobLiteral(const unsigned char* bytes, std::size_t size) {
     std::string text = "x'";
-    for (std::size_t b = 0; b < size; ++b) text += {"0123456789ABCDEF"[bytes[b] >> 4], "0123456789ABCDEF"[bytes[b] & 15]};
+    for (std::size_t b = 0; b < size; ++b)
+        text += {"0123456789ABCDEF"[bytes[b] >> 4], "0123456789ABCDEF"[bytes[b] & 15]};
     return text + "'";
 }
 
@@ -64,7 +63,6 @@ public:
         std::filesystem::remove_all(path_, ignored);
     }
     std::filesystem::path operator/(const std::string& name) const { return std::filesystem::path(path_) / name; }
-    std::filesystem::path path() const { return path_; }
 
 private:
     std::string path_;
@@ -72,12 +70,10 @@ private:
 
 inline std::vector<CapturingLogDestination::Entry> takeEntries(CapturingLogDestination& destination) {
     auto entries = destination.entries();
-    destination.clear();
-    return entries;
+    return destination.clear(), entries;
 }
 
-// Sends everything logged through `Logger::module()` (by the platform services and the
-// configuration) to memory while it lives.
+// Keeps what `Logger::module()` logs (the platform services, the configuration) while it lives.
 class LogCapture {
 public:
     LogCapture() : previous_(Logger::module()->destinations()) { Logger::module()->setDestinations({sink_}); }
@@ -117,9 +113,8 @@ struct TestCenter final : DistributedNotificationCenter {
     std::vector<std::pair<std::string, Handler>> observed;
 };
 
-// The services a store under test is handed: a root logger "root" that keeps its messages, a
-// main queue that keeps the deadlines of the jobs scheduled on it and runs none, and a
-// `TestCenter`.
+// A store's services: a logger "root" that keeps its messages, a main queue that keeps its jobs and
+// runs none, and a `TestCenter`.
 class TestServices {
 public:
     NotificationDatabaseServices services() {
@@ -131,7 +126,6 @@ public:
                 },
                 center};
     }
-    // The messages logged so far.
     std::vector<std::string> messages() const { return log_->messages(); }
     // The entries logged so far, and then none.
     std::vector<CapturingLogDestination::Entry> takeLog() { return takeEntries(*log_); }
@@ -139,11 +133,6 @@ public:
     std::vector<std::pair<MainQueue::Clock::time_point, MainQueue::Job>> takeJobs() {
         std::lock_guard lock(mutex_);
         return std::exchange(scheduled_, {});
-    }
-    std::vector<MainQueue::Clock::time_point> takeDeadlines() {
-        std::vector<MainQueue::Clock::time_point> deadlines;
-        for (const auto& job : takeJobs()) deadlines.push_back(job.first);
-        return deadlines;
     }
 
     // Called as each job is scheduled, on the thread that commits, as a host's scheduler may.
@@ -166,8 +155,7 @@ public:
     }
     ~RawDatabase() { sqlite3_close_v2(db_); }
 
-    // Runs `sql` and renders every row, one text per column: "NULL", x'..' for bytes, else the
-    // value as SQLite gives it as text.
+    // Every row of `sql`, one text per column: "NULL", x'..' for bytes, else the value as text.
     Rows query(const std::string& sql) const {
         sqlite3_stmt* statement = nullptr;
         Rows rows;
@@ -175,15 +163,14 @@ public:
         for (rc = rc == SQLITE_OK ? sqlite3_step(statement) : rc; rc == SQLITE_ROW; rc = sqlite3_step(statement)) {
             auto& row = rows.emplace_back();
             for (int i = 0; i < sqlite3_column_count(statement); ++i) {
+                const int type = sqlite3_column_type(statement, i);
+                const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement, i));
                 const auto size = std::size_t(sqlite3_column_bytes(statement, i));
-                const auto* bytes = static_cast<const unsigned char*>(sqlite3_column_blob(statement, i));
-                if (sqlite3_column_type(statement, i) == SQLITE_NULL) {
-                    row.emplace_back("NULL");
-                } else if (sqlite3_column_type(statement, i) == SQLITE_BLOB) {
-                    row.push_back(blobLiteral(bytes, size));
-                } else {
-                    row.emplace_back(reinterpret_cast<const char*>(sqlite3_column_text(statement, i)), size);
-                }
+                row.push_back(
+                    type == SQLITE_NULL ? "NULL"
+                    : type == SQLITE_BLOB
+                        ? blobLiteral(static_cast<const unsigned char*>(sqlite3_column_blob(statement, i)), size)
+                        : std::string(text, size));
             }
         }
         sqlite3_finalize(statement);
@@ -203,8 +190,7 @@ private:
     sqlite3* db_ = nullptr;
 };
 
-// A child process, started by the shell from `command`, with its standard output on a pipe;
-// killed when it goes unless waited for.
+// A child started by the shell, its output on a pipe; killed when it goes unless waited for.
 class ChildProcess {
 public:
     // The shell says its process id, which the command then takes over.
@@ -225,8 +211,7 @@ public:
     }
     // The exit status, 128 + the signal for a killed child; what it still writes is read and dropped.
     int wait() {
-        while (readLine()) {
-        }
+        while (readLine()) continue;
         const int status = ::pclose(std::exchange(output_, nullptr));
         return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
@@ -236,7 +221,6 @@ private:
     pid_t pid_;
 };
 
-// A whole number from the environment, or `fallback`.
 inline long environmentNumber(const char* name, long fallback) {
     const char* value = std::getenv(name);
     return value != nullptr && *value != '\0' ? std::stol(value) : fallback;
